@@ -1,0 +1,5 @@
+// Marks the classes and functions that make up the exported interface of the corvane shared
+// libraries; everything else is built with hidden visibility.
+#pragma once
+
+#define CORVANE_EXPORT __attribute__((visibility("default")))

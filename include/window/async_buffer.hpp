@@ -1,0 +1,129 @@
+// The asynchronous window buffer: one producer on a worker thread of its own, a first-in,
+// first-out queue (bounded if asked) and any number of consumers.
+//
+// Lifecycle: construct, optionally Prefill() on the caller's thread, Start(), Pop() windows until
+// IsComplete(). Stop() asks the worker to end at its next check, Join() waits for it, Close()
+// does both, and so does the destructor. A failure on the worker reaches the consumer after every
+// window queued before it: Pop() then rethrows it on every call and LastError() gives its text.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "native/export.hpp"
+#include "window/producers.hpp"
+#include "window/records.hpp"
+#include "window/reference_buffer.hpp"
+
+namespace corvane::control::window {
+
+// Whether window production keeps up with real time, judged on the recorded history.
+struct QualificationReport {
+  bool qualified = true;  // no window over the limit, all durations positive, no underrun
+  double compute_fraction_limit = 0.0;  // the limit asked for (compute seconds per window second)
+  std::size_t prefill_windows = 0;      // the buffer's prefill_windows constructor argument
+  double max_compute_time_s = 0.0;      // [s] largest compute time charged to a window
+  double p99_compute_time_s = 0.0;      // [s] 0.99 quantile of the compute times, interpolated
+  double min_margin_s = 0.0;            // [s] smallest running margin of playback over production
+  std::size_t underrun_windows = 0;     // windows whose running margin is negative
+  std::size_t total_windows = 0;        // windows produced through ProduceNext
+  double total_compute_time_s = 0.0;    // [s] sum of the compute times
+};
+
+// Runs one producer on a worker thread and hands its windows to consumers.
+// Every public operation may be called from any thread, except that Start, Join, Close, the
+// destructor and the move operations must not run concurrently on one buffer, and Prefill must
+// not run concurrently with Start.
+class CORVANE_EXPORT AsyncWindowBuffer {
+ public:
+  // prefill_windows: windows the worker queues back to back before its steady loop.
+  // max_buffered_windows: queue capacity; absent means unbounded.
+  // Takes the producer even on failure. Throws std::invalid_argument for a null producer, a
+  // capacity of 0, or a capacity below prefill_windows (checked in that order).
+  AsyncWindowBuffer(std::unique_ptr<WindowProducerSession> producer,
+                    std::size_t prefill_windows = 0,
+                    std::optional<std::size_t> max_buffered_windows = std::nullopt);
+  // Takes the other buffer's state, a running worker included; the other holds none afterwards.
+  AsyncWindowBuffer(AsyncWindowBuffer&& other) noexcept;
+  // Stops and joins this buffer's worker, drops its state, then takes the other's.
+  AsyncWindowBuffer& operator=(AsyncWindowBuffer&& other) noexcept;
+  AsyncWindowBuffer(const AsyncWindowBuffer&) = delete;
+  AsyncWindowBuffer& operator=(const AsyncWindowBuffer&) = delete;
+  // Stops and joins the worker, then drops queued windows and the producer.
+  virtual ~AsyncWindowBuffer();
+
+  // Starts the worker thread. Throws std::runtime_error when called a second time, and
+  // std::system_error when the thread cannot be created.
+  void Start();
+  // Asks the worker to end at its next check and wakes every waiter; returns at once.
+  // Queued windows stay queued.
+  virtual void Stop();
+  // Stop(), then Join() without a time-out.
+  void Close();
+  // Waits for the worker to end: without limit when `timeout` is absent, otherwise until the
+  // steady-clock deadline. Returns false only when the deadline passed first. Requests no stop.
+  bool Join(std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
+  // The oldest queued window. Waits (without limit when `timeout` is absent) until a window is
+  // queued, the worker has finished or a stop was requested. Empty at the deadline or at the end;
+  // at the end, rethrows the worker's failure, if any, on every call.
+  std::optional<WindowPayload> Pop(std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
+  // Pop() with a zero time-out: never waits for a window.
+  std::optional<WindowPayload> PopNowait();
+  // Whether any window is queued.
+  bool HasBufferedData() const;
+  // Whether the worker has finished and the queue is empty.
+  bool IsComplete() const;
+  // The text of the worker's failure, once there is one.
+  std::optional<std::string> LastError() const;
+  // Before Start(): produces up to max_windows windows on the calling thread and queues them,
+  // ignoring the capacity. Returns how many were queued (fewer when the producer runs out or has
+  // nothing ready). Throws std::runtime_error after Start(); producer and validation errors pass
+  // through to the caller.
+  std::size_t Prefill(std::size_t max_windows);
+  // Judges the history of produced windows against compute_fraction_limit (compute seconds per
+  // second of window duration). Throws std::invalid_argument unless the limit is finite and
+  // positive.
+  QualificationReport Qualify(double compute_fraction_limit);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The buffer for streaming: an AsyncWindowBuffer that also holds a share of the reference buffer
+// its producer reads, so that one object appends reference, ends the stream and pops windows.
+class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
+ public:
+  // Throws std::invalid_argument as AsyncWindowBuffer does, then for a null reference_buffer.
+  AppendableWindowBuffer(std::unique_ptr<WindowProducerSession> producer,
+                         std::shared_ptr<AppendableReferenceBuffer> reference_buffer,
+                         std::size_t prefill_windows = 0,
+                         std::optional<std::size_t> max_buffered_windows = std::nullopt);
+  AppendableWindowBuffer(AppendableWindowBuffer&& other) noexcept;
+  AppendableWindowBuffer& operator=(AppendableWindowBuffer&& other) noexcept;
+  AppendableWindowBuffer(const AppendableWindowBuffer&) = delete;
+  AppendableWindowBuffer& operator=(const AppendableWindowBuffer&) = delete;
+  // Finishes the reference buffer, so that a producer waiting for its first sample returns, then
+  // stops and joins the worker.
+  ~AppendableWindowBuffer() override;
+
+  // Forwards to the reference buffer's AppendReference; its exceptions pass through.
+  AppendedRange AppendReference(const SampleMatrix& command);
+  // Ends the reference stream; the worker serves the rest and then finishes.
+  void Finish();
+  // Finishes the reference buffer first (releasing a producer waiting for samples), then stops
+  // the worker.
+  void Stop() override;
+  // A copy of every stored reference sample.
+  SampleMatrix ReferencePositions() const;
+  // Number of stored reference samples, held samples included.
+  std::size_t AvailableReferenceSamples() const;
+
+ private:
+  std::shared_ptr<AppendableReferenceBuffer> reference_buffer_;
+};
+
+}  // namespace corvane::control::window

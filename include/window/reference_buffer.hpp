@@ -1,0 +1,76 @@
+// The thread-safe, growing store of reference samples for streaming.
+//
+// The caller appends blocks of samples (one row per sample, one column per joint) while the
+// system runs and finally calls Finish(). The lifted-MPC producer waits for the first sample,
+// reads padded windows and holds the last sample when the caller falls behind. Sample i is row i
+// of the store; a row, once stored, never changes and is never removed.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+
+#include "native/export.hpp"
+#include "window/records.hpp"
+
+namespace corvane::control::window {
+
+// The samples one append added: the half-open range [start_index, stop_index).
+struct AppendedRange {
+  std::size_t start_index = 0;  // index of the first sample appended
+  std::size_t stop_index = 0;   // one past the last; the new number of available samples
+};
+
+// A copied stretch of reference, padded at its end by repeating the last available sample.
+struct ReferenceWindow {
+  SampleMatrix positions;                    // [stop - start, joints]
+  std::size_t terminal_padding_samples = 0;  // trailing rows that repeat the last sample
+};
+
+// Shared (std::shared_ptr) by the caller, the lifted-MPC producer and the AppendableWindowBuffer.
+// Every operation may be called from any thread; each holds the buffer's own lock for its
+// duration only and never calls out while holding it.
+class CORVANE_EXPORT AppendableReferenceBuffer {
+ public:
+  // An empty, open buffer. joint_count, when given, fixes the column count now; otherwise the
+  // first non-empty append fixes it. Throws std::invalid_argument when joint_count is 0.
+  explicit AppendableReferenceBuffer(std::optional<std::size_t> joint_count = std::nullopt);
+  // Takes the other buffer's state; the other holds none afterwards.
+  AppendableReferenceBuffer(AppendableReferenceBuffer&& other) noexcept;
+  // Takes the other buffer's state and drops the state held before.
+  AppendableReferenceBuffer& operator=(AppendableReferenceBuffer&& other) noexcept;
+  AppendableReferenceBuffer(const AppendableReferenceBuffer&) = delete;
+  AppendableReferenceBuffer& operator=(const AppendableReferenceBuffer&) = delete;
+  ~AppendableReferenceBuffer();
+
+  // Appends the rows of `command` and wakes waiters. An empty block changes nothing and returns
+  // [n, n). Throws std::invalid_argument for a block without columns, with a non-finite value or
+  // with the wrong column count, and std::runtime_error after Finish().
+  AppendedRange AppendReference(const SampleMatrix& command);
+  // Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.
+  void Finish();
+  // Repeats the last sample until target_samples are stored; returns how many were added.
+  // Allowed after Finish(). Throws std::invalid_argument before the first sample.
+  std::size_t ExtendHoldTo(std::size_t target_samples);
+  // A copy of samples [start, stop); rows past the stored samples repeat the last one.
+  // Throws std::invalid_argument when start >= stop or start is not a stored sample.
+  ReferenceWindow WindowWithTerminalPadding(std::size_t start, std::size_t stop) const;
+  // Blocks until at least `count` samples are stored, the stream is finished, or the time-out
+  // (steady clock; absent: no limit; zero or negative: no wait) passes. Returns whether at least
+  // `count` samples are stored.
+  bool WaitUntilSamples(std::size_t count,
+                        std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
+  // Number of samples stored, held samples included.
+  std::size_t available_samples() const;
+  // Whether Finish() has been called.
+  bool is_finished() const;
+  // A copy of every stored sample.
+  SampleMatrix PositionsCopy() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace corvane::control::window

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Builds and runs every test: a plain build (with the benchmarks compiled, not run), then a
+# ThreadSanitizer build and an AddressSanitizer + UndefinedBehaviorSanitizer build, each in its
+# own folder. Fails when any build or test fails.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+
+jobs=$(nproc)
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1"
+export ASAN_OPTIONS="halt_on_error=1 detect_leaks=1"
+export UBSAN_OPTIONS="halt_on_error=1 print_stacktrace=1"
+
+run_suite() {
+  local dir=$1
+  shift
+  echo "=== ${dir}"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@"
+  cmake --build "$dir" -j "$jobs"
+  ctest --test-dir "$dir" --output-on-failure -j "$jobs"
+}
+
+run_suite build -DCORVANE_BUILD_BENCHMARKS=ON
+run_suite build-tsan -DCORVANE_SANITIZE=thread -DCORVANE_BUILD_EXAMPLES=OFF
+run_suite build-asan -DCORVANE_SANITIZE=address -DCORVANE_BUILD_EXAMPLES=OFF
