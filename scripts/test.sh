@@ -21,5 +21,5 @@ run_suite() {
 }
 
 run_suite build -DCORVANE_BUILD_BENCHMARKS=ON
-run_suite build-tsan -DCORVANE_SANITIZE=thread -DCORVANE_BUILD_EXAMPLES=OFF
-run_suite build-asan -DCORVANE_SANITIZE=address -DCORVANE_BUILD_EXAMPLES=OFF
+run_suite build-tsan -DCORVANE_SANITIZE=thread
+run_suite build-asan -DCORVANE_SANITIZE=address

@@ -1,1 +1,177 @@
-// To be written.
+// The worker thread of AsyncWindowBuffer, and the window production and queueing steps that the
+// worker shares with Prefill.
+//
+// No producer call and no validation ever happens under the lock; every lock scope here is a
+// flag test, one queue operation or two statistics appends, and every notification follows the
+// unlock.
+#include <algorithm>
+#include <utility>
+
+#include "buffering/async_window_buffer_impl.hpp"
+#include "buffering/window_duration.hpp"
+
+namespace corvane::control::window {
+namespace {
+
+// Spins this many times on try_lock before blocking. The buffer's lock scopes last well under a
+// microsecond, so a short spin nearly always wins the lock; a blocked caller is put to sleep and
+// its wake-up costs tens of microseconds, which a control loop calling PopNowait cannot afford.
+constexpr int kLockSpinAttempts = 200;
+
+inline void RelaxCpu() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+double SecondsBetween(std::chrono::steady_clock::time_point t0,
+                      std::chrono::steady_clock::time_point t1) {
+  const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - t0);
+  return static_cast<double>(elapsed.count()) / 1e9;
+}
+
+}  // namespace
+
+std::unique_lock<std::mutex> AsyncWindowBuffer::Impl::Lock() {
+  for (int attempt = 0; attempt < kLockSpinAttempts; ++attempt) {
+    if (mutex.try_lock()) return std::unique_lock<std::mutex>(mutex, std::adopt_lock);
+    RelaxCpu();
+  }
+  return std::unique_lock<std::mutex>(mutex);
+}
+
+void AsyncWindowBuffer::Impl::Run() {
+  try {
+    PrepareSessionOnce();
+    RunInitialPhase();
+    RunSteadyPhase();
+    RunTailPhase();
+  } catch (...) {
+    CaptureFailure();
+  }
+  MarkFinished();
+}
+
+// Prefill (before Start) and the worker (after it) never run at once, so the flag needs no lock.
+void AsyncWindowBuffer::Impl::PrepareSessionOnce() {
+  if (session_prepared) return;
+  producer->PrepareSession();
+  session_prepared = true;
+}
+
+// Queues up to prefill_windows windows back to back. Every way out leads to the steady phase,
+// which tests the stop and the exhaustion again.
+void AsyncWindowBuffer::Impl::RunInitialPhase() {
+  for (std::size_t queued = 0; queued < prefill_windows; ++queued) {
+    if (producer->IsExhausted()) return;
+    if (!WaitForRoom()) return;
+    std::optional<WindowPayload> window = ProduceWindow();
+    if (!window) return;  // nothing ready: on to the steady phase without yielding
+    QueueWindow(std::move(*window));
+  }
+}
+
+// One window at a time until a stop or the producer's exhaustion. A producer with nothing ready
+// is polled again after the processor has been yielded once.
+void AsyncWindowBuffer::Impl::RunSteadyPhase() {
+  while (true) {
+    if (StopRequested()) return;
+    if (producer->IsExhausted()) return;
+    if (!WaitForRoom()) return;
+    std::optional<WindowPayload> window = ProduceWindow();
+    if (!window) {
+      std::this_thread::yield();
+      continue;
+    }
+    QueueWindow(std::move(*window));
+  }
+}
+
+// Drains the producer's final windows. They are validated and queued but neither timed nor
+// recorded. A stopped producer is never finalised: the first test ends the phase.
+void AsyncWindowBuffer::Impl::RunTailPhase() {
+  while (true) {
+    if (StopRequested()) return;
+    if (!WaitForRoom()) return;
+    std::optional<WindowPayload> window = producer->Finalize();
+    if (!window) return;
+    ValidateWindowPayload(*window);
+    QueueWindow(std::move(*window));
+  }
+}
+
+bool AsyncWindowBuffer::Impl::StopRequested() {
+  auto lock = Lock();
+  return stop_requested;
+}
+
+bool AsyncWindowBuffer::Impl::HasRoom() const {
+  return !max_buffered_windows || queue.size() < *max_buffered_windows;
+}
+
+// Returns true when the queue has room, false when the wait ended in a stop (tested first).
+bool AsyncWindowBuffer::Impl::WaitForRoom() {
+  auto lock = Lock();
+  cv.wait(lock, [this] { return stop_requested || HasRoom(); });
+  return !stop_requested;
+}
+
+// The window production step: one timed ProduceNext() call. A window it yields is validated and
+// charged the larger of the measured time and its own declared compute time.
+std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
+  const auto t0 = std::chrono::steady_clock::now();
+  std::optional<WindowPayload> window = producer->ProduceNext();
+  const auto t1 = std::chrono::steady_clock::now();
+  if (!window) return std::nullopt;  // nothing ready: nothing recorded
+
+  ValidateWindowPayload(*window);
+  const double measured_s = SecondsBetween(t0, t1);
+  const double charged_s = std::max(measured_s, window->compute_time_s);
+  RecordStatistics(charged_s, WindowDurationSeconds(*window));
+  return window;
+}
+
+// Both vectors grow in one lock scope, so they always have the same length; should the second
+// append fail for lack of memory, the first is taken back.
+void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration_s) {
+  auto lock = Lock();
+  compute_times_s.push_back(charged_s);
+  try {
+    window_durations_s.push_back(duration_s);
+  } catch (...) {
+    compute_times_s.pop_back();
+    throw;
+  }
+}
+
+// The queueing step: the window is moved, never copied, to the back of the queue.
+void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
+  {
+    auto lock = Lock();
+    queue.push_back(std::move(window));
+  }
+  cv.notify_all();
+}
+
+// Called from the handler of Run: keeps the exception for Pop and its text for LastError.
+void AsyncWindowBuffer::Impl::CaptureFailure() {
+  auto lock = Lock();
+  failure = std::current_exception();
+  try {
+    std::rethrow_exception(failure);
+  } catch (const std::exception& error) {
+    last_error = error.what();
+  } catch (...) {
+    last_error = "Unknown native window producer failure.";
+  }
+}
+
+void AsyncWindowBuffer::Impl::MarkFinished() {
+  {
+    auto lock = Lock();
+    producer_finished = true;
+  }
+  cv.notify_all();
+}
+
+}  // namespace corvane::control::window

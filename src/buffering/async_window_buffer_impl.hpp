@@ -1,0 +1,69 @@
+// Private state of AsyncWindowBuffer, shared by the files that implement the buffer: the
+// consumer side (async_window_buffer.cpp), the worker loop (worker_loop.cpp), Prefill
+// (prefill.cpp) and the qualification report (qualification.cpp).
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "window/async_buffer.hpp"
+
+namespace corvane::control::window {
+
+struct AsyncWindowBuffer::Impl {
+  Impl(std::unique_ptr<WindowProducerSession> producer_in, std::size_t prefill_windows_in,
+       std::optional<std::size_t> max_buffered_windows_in);
+
+  // Fields in the order of their construction; they are destroyed in reverse, so the producer
+  // goes last, after the worker has been joined and the queue dropped.
+  std::unique_ptr<WindowProducerSession> producer;
+  const std::size_t prefill_windows;                      // windows of the worker's initial phase
+  const std::optional<std::size_t> max_buffered_windows;  // queue capacity; absent: unbounded
+  std::mutex mutex;                                       // guards everything below but `worker`
+  std::condition_variable cv;                             // every wait of the buffer
+  std::deque<WindowPayload> queue;                        // produced, not yet popped; oldest first
+  std::thread worker;  // touched only by Start/Join/Close/dtor/move
+  bool started = false;
+  bool session_prepared = false;  // only Prefill (before Start) and the worker use it: no lock
+  bool stop_requested = false;
+  bool producer_finished = false;
+  std::exception_ptr failure;              // what ended the worker, rethrown by Pop
+  std::optional<std::string> last_error;   // its text
+  std::vector<double> compute_times_s;     // [s] charged per produced window, production order
+  std::vector<double> window_durations_s;  // [s] duration per produced window, same order
+
+  // The worker thread's whole body: session, initial, steady and tail phases, then the end.
+  // Returns normally in every case; a failure is stored for the consumer.
+  void Run();
+
+  // Steps shared by the worker and Prefill.
+  std::unique_lock<std::mutex> Lock();
+  void PrepareSessionOnce();
+  std::optional<WindowPayload> ProduceWindow();
+  void QueueWindow(WindowPayload&& window);
+
+ private:
+  void RunInitialPhase();
+  void RunSteadyPhase();
+  void RunTailPhase();
+  bool StopRequested();
+  bool WaitForRoom();
+  bool HasRoom() const;
+  void RecordStatistics(double charged_s, double duration_s);
+  void CaptureFailure();
+  void MarkFinished();
+};
+
+// The steady-clock deadline `timeout` from now; a time-out too long to represent waits forever.
+std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::nanoseconds timeout);
+
+}  // namespace corvane::control::window

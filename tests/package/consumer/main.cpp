@@ -1,0 +1,29 @@
+// A separate project's use of the installed library: replay two windows through a buffer and
+// catch an error thrown across the library boundary.
+#include <cstdio>
+#include <memory>
+#include <vector>
+#include <window/async_buffer.hpp>
+
+namespace cw = corvane::control::window;
+
+int main() {
+  std::vector<cw::WindowPayload> mainline(2);
+  for (std::size_t i = 0; i < mainline.size(); ++i) {
+    mainline[i].positions = cw::SampleMatrix::Constant(3, 2, static_cast<double>(i));
+    mainline[i].start_index = 3 * i;
+    mainline[i].stop_index = 3 * i + 3;
+  }
+  cw::AsyncWindowBuffer buffer(
+      std::make_unique<cw::FiniteWindowProducer>(mainline, std::vector<cw::WindowPayload>{}));
+  buffer.Start();
+  std::size_t popped = 0;
+  while (buffer.Pop()) ++popped;
+  try {
+    cw::ValidateTaskSpaceShapedTrajectory(cw::TaskSpaceShapedTrajectory{});
+    return 1;
+  } catch (const corvane::native::Error& error) {
+    std::printf("consumer: %zu windows popped; caught \"%s\"\n", popped, error.what());
+  }
+  return popped == 2 ? 0 : 1;
+}
