@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "buffering/async_window_buffer_impl.hpp"
+#include "common/steady_deadline.hpp"
 
 namespace corvane::control::window {
 
@@ -13,14 +14,6 @@ AsyncWindowBuffer::Impl::Impl(std::unique_ptr<WindowProducerSession> producer_in
     : producer(std::move(producer_in)),
       prefill_windows(prefill_windows_in),
       max_buffered_windows(max_buffered_windows_in) {}
-
-std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::nanoseconds timeout) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point now = Clock::now();
-  if (timeout <= std::chrono::nanoseconds::zero()) return now;  // check once, do not wait
-  if (timeout > Clock::time_point::max() - now) return Clock::time_point::max();
-  return now + timeout;
-}
 
 // The producer is moved in first, so the caller's pointer is empty whatever follows, and a
 // failed check destroys it with the state. The checks run in this order and report the first

@@ -63,7 +63,4 @@ struct AsyncWindowBuffer::Impl {
   void MarkFinished();
 };
 
-// The steady-clock deadline `timeout` from now; a time-out too long to represent waits forever.
-std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::nanoseconds timeout);
-
 }  // namespace corvane::control::window

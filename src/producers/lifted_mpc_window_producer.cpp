@@ -1,1 +1,193 @@
-// To be written.
+// The appendable lifted-MPC producer: one solve per apply window over a streamed reference.
+//
+// The producer keeps only a cursor into the reference. Each window it asks the reference buffer
+// (each call under that buffer's own lock) for the rows from the cursor on, holds the last sample
+// when the caller has not appended enough yet, and hands the solver a padded lookahead slice. The
+// solver is never called under a lock.
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "window/producers.hpp"
+#include "window/reference_buffer.hpp"
+
+namespace corvane::control::window {
+
+struct AppendableLiftedMpcWindowProducer::Impl {
+  std::unique_ptr<LiftedMpcSolveSession> solve_session;         // never null
+  std::shared_ptr<AppendableReferenceBuffer> reference_buffer;  // never null
+  std::size_t apply_samples = 0;       // rows applied per window, 1 to lookahead_samples
+  std::size_t lookahead_samples = 0;   // rows of reference in each solve request
+  double sample_time_s = 0.0;          // [s] sample period, finite and positive
+  std::size_t global_start_index = 0;  // global index of reference sample 0
+  std::size_t cursor = 0;              // first reference sample not yet applied
+  bool prepared = false;               // the solver's Prepare() has returned
+  bool finalized = false;              // the solver's Finalize() has returned
+
+  bool IsExhausted() const;
+  // How many rows the next window applies, or nothing when no reference remains to apply.
+  std::optional<std::size_t> NextApplyCount();
+  // Solves the window of `apply_count` rows at the cursor and stamps it; the cursor stays.
+  WindowPayload SolveWindowAtCursor(std::size_t apply_count);
+};
+
+namespace {
+
+// The arguments are checked in a fixed order, so the first fault in it is the one reported.
+void CheckConstructorArguments(const LiftedMpcSolveSession* solve_session,
+                               const AppendableReferenceBuffer* reference_buffer,
+                               std::size_t apply_samples, std::size_t lookahead_samples,
+                               double sample_time_s) {
+  if (solve_session == nullptr || reference_buffer == nullptr) {
+    throw std::invalid_argument("solve_session and reference_buffer must not be null.");
+  }
+  if (apply_samples == 0 || apply_samples > lookahead_samples) {
+    throw std::invalid_argument("lookahead_samples must be at least one apply window.");
+  }
+  if (!std::isfinite(sample_time_s) || sample_time_s <= 0.0) {
+    throw std::invalid_argument("sample_time_s must be finite and positive.");
+  }
+}
+
+// The number of stored reference samples once the apply window ending at `apply_stop` is
+// covered. An open reference that is too short is extended by holding its last sample instead
+// of waiting for the caller; a finished one is left as it is, so its last window comes out short.
+std::size_t CoverApplyWindow(AppendableReferenceBuffer& reference, std::size_t apply_stop) {
+  const std::size_t available = reference.available_samples();
+  if (available >= apply_stop || reference.is_finished()) {
+    return available;
+  }
+  reference.ExtendHoldTo(apply_stop);
+  return reference.available_samples();
+}
+
+// The solve request: the lookahead rows of reference from the cursor on, in reference indices,
+// asking for `apply_count` rows back.
+WindowSlice BuildSolveRequest(SampleMatrix lookahead, std::size_t cursor, std::size_t apply_count,
+                              const std::string& padding_text) {
+  WindowSlice request;
+  request.start_index = cursor;
+  request.stop_index = cursor + static_cast<std::size_t>(lookahead.rows());
+  request.positions = std::move(lookahead);
+  request.metadata.insert_or_assign("apply_samples", std::to_string(apply_count));
+  request.metadata.insert_or_assign("terminal_padding_samples", padding_text);
+  return request;
+}
+
+// The solver's answer is checked as it came back, before anything of it is changed.
+void CheckSolveResult(const WindowPayload& result, std::size_t apply_count) {
+  ValidateWindowPayload(result);
+  if (static_cast<std::size_t>(result.positions.rows()) != apply_count) {
+    throw std::runtime_error("Lifted MPC solve output must match the requested apply count.");
+  }
+}
+
+}  // namespace
+
+bool AppendableLiftedMpcWindowProducer::Impl::IsExhausted() const {
+  if (!reference_buffer->is_finished()) {
+    return false;
+  }
+  return cursor >= reference_buffer->available_samples();
+}
+
+std::optional<std::size_t> AppendableLiftedMpcWindowProducer::Impl::NextApplyCount() {
+  // Only the very first sample is waited for; false means the reference ended without one.
+  if (!reference_buffer->WaitUntilSamples(1, std::nullopt) || IsExhausted()) {
+    return std::nullopt;
+  }
+  const std::size_t available = CoverApplyWindow(*reference_buffer, cursor + apply_samples);
+  // Each buffer call above took the lock on its own, so a Finish() may have come in between.
+  if (available <= cursor) {
+    return std::nullopt;
+  }
+  return std::min(apply_samples, available - cursor);
+}
+
+WindowPayload AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(
+    std::size_t apply_count) {
+  ReferenceWindow lookahead =
+      reference_buffer->WindowWithTerminalPadding(cursor, cursor + lookahead_samples);
+  const std::string padding_text = std::to_string(lookahead.terminal_padding_samples);
+  const WindowSlice request =
+      BuildSolveRequest(std::move(lookahead.positions), cursor, apply_count, padding_text);
+  ValidateWindowSlice(request);
+
+  WindowPayload window = solve_session->Solve(request);
+  CheckSolveResult(window, apply_count);
+
+  // Stamp the answer with its global range and the producer's metadata; any other metadata of
+  // the solver passes through.
+  window.start_index = global_start_index + cursor;
+  window.stop_index = window.start_index + apply_count;
+  window.metadata.insert_or_assign("sample_time_s", std::to_string(sample_time_s));
+  window.metadata.insert_or_assign("terminal_padding_samples", padding_text);
+  return window;
+}
+
+AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
+    std::unique_ptr<LiftedMpcSolveSession> solve_session,
+    std::shared_ptr<AppendableReferenceBuffer> reference_buffer, std::size_t apply_samples,
+    std::size_t lookahead_samples, double sample_time_s, std::size_t global_start_index) {
+  CheckConstructorArguments(solve_session.get(), reference_buffer.get(), apply_samples,
+                            lookahead_samples, sample_time_s);
+  impl_ = std::make_unique<Impl>(Impl{std::move(solve_session), std::move(reference_buffer),
+                                      apply_samples, lookahead_samples, sample_time_s,
+                                      global_start_index});
+}
+
+AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
+    AppendableLiftedMpcWindowProducer&& other) noexcept = default;
+
+// The state held before is dropped without finalising its solver: its share of the reference is
+// released first, then the solver is deleted.
+AppendableLiftedMpcWindowProducer& AppendableLiftedMpcWindowProducer::operator=(
+    AppendableLiftedMpcWindowProducer&& other) noexcept = default;
+
+AppendableLiftedMpcWindowProducer::~AppendableLiftedMpcWindowProducer() {
+  if (impl_ != nullptr && impl_->prepared && !impl_->finalized) {
+    try {
+      impl_->solve_session->Finalize();
+    } catch (...) {
+      // A destructor must not throw; the solver's failure to finalise has nobody to reach.
+    }
+  }
+}
+
+void AppendableLiftedMpcWindowProducer::PrepareSession() {
+  if (impl_->prepared) {
+    throw std::runtime_error("AppendableLiftedMpcWindowProducer may only be prepared once.");
+  }
+  impl_->solve_session->Prepare();
+  impl_->cursor = 0;
+  impl_->prepared = true;
+}
+
+std::optional<WindowPayload> AppendableLiftedMpcWindowProducer::ProduceNext() {
+  if (!impl_->prepared) {
+    throw std::runtime_error("PrepareSession() must run before ProduceNext().");
+  }
+  const std::optional<std::size_t> apply_count = impl_->NextApplyCount();
+  if (!apply_count.has_value()) {
+    return std::nullopt;
+  }
+  WindowPayload window = impl_->SolveWindowAtCursor(*apply_count);
+  // Only a window that made it this far moves the cursor; after any failure the next call asks
+  // for the same window again.
+  impl_->cursor += *apply_count;
+  return window;
+}
+
+bool AppendableLiftedMpcWindowProducer::IsExhausted() const { return impl_->IsExhausted(); }
+
+std::optional<WindowPayload> AppendableLiftedMpcWindowProducer::Finalize() {
+  if (!impl_->finalized) {
+    impl_->solve_session->Finalize();
+    impl_->finalized = true;
+  }
+  return std::nullopt;
+}
+
+}  // namespace corvane::control::window

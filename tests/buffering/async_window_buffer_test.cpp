@@ -15,10 +15,10 @@ namespace {
 using namespace std::chrono_literals;
 using testing::CallLog;
 using testing::FiniteScript;
-using testing::Guarded;
 using testing::Recorded;
 using testing::Script;
 using testing::ValueOf;
+using testing_support::Guarded;
 
 // Pops until the end (empty result) and returns the values of the windows popped.
 std::vector<double> PopAll(AsyncWindowBuffer& buffer) {
@@ -76,7 +76,7 @@ TEST(AsyncWindowBufferTest, NeverStartedBufferServesPrefillThenWaitsForStop) {
     auto blocked = std::async(std::launch::async, [&] { return buffer.Pop(); });
     EXPECT_EQ(blocked.wait_for(20ms), std::future_status::timeout);  // waiting is the behaviour
     buffer.Stop();
-    ASSERT_EQ(blocked.wait_for(testing::kPatience), std::future_status::ready);
+    ASSERT_EQ(blocked.wait_for(testing_support::kHangLimit), std::future_status::ready);
     EXPECT_FALSE(blocked.get().has_value());
     EXPECT_FALSE(buffer.IsComplete());
   }
@@ -140,6 +140,25 @@ TEST(AsyncWindowBufferTest, JoinTimesOutOnAFullQueueUntilStopped) {
   EXPECT_TRUE(buffer.IsComplete());
 }
 
+TEST(AsyncWindowBufferTest, LongestTimeOutWaitsInsteadOfOverflowing) {
+  std::promise<void> release;
+  Script held = FiniteScript(1);
+  auto produce = held.produce;
+  held.produce = [produce, released = release.get_future().share()](std::size_t n) {
+    released.wait();
+    return produce(n);
+  };
+  Recorded recorded(held);
+  AsyncWindowBuffer buffer(std::move(recorded.producer));
+  buffer.Start();
+  auto joined = testing_support::StartDetached(
+      [&buffer] { return buffer.Join(std::chrono::nanoseconds::max()); });
+  release.set_value();
+  ASSERT_TRUE(testing_support::ReadyInTime(joined));
+  EXPECT_TRUE(joined.get());
+  EXPECT_EQ(ValueOf(*buffer.Pop(std::chrono::nanoseconds::max())), 0.0);
+}
+
 // A failure comes after every window queued before it, and then on every call.
 TEST(AsyncWindowBufferTest, FailureIsDeliveredAfterQueuedWindowsAndRethrownEveryTime) {
   Script failing = FiniteScript(5);
@@ -197,7 +216,7 @@ TEST(AsyncWindowBufferTest, ConsumerWaitingOnAnEmptyQueueWakesWithTheFailure) {
   buffer.Start();
   auto consumer = std::async(std::launch::async, [&] { return buffer.Pop(); });
   release.set_value();
-  ASSERT_EQ(consumer.wait_for(testing::kPatience), std::future_status::ready);
+  ASSERT_EQ(consumer.wait_for(testing_support::kHangLimit), std::future_status::ready);
   EXPECT_THROW(consumer.get(), std::invalid_argument);
 }
 

@@ -94,7 +94,7 @@ void RunTrial(const Trial& trial) {
   }
   std::vector<std::vector<double>> per_consumer;
   for (auto& consumer : consumers) {
-    if (consumer.wait_for(testing::kPatience) != std::future_status::ready) {
+    if (consumer.wait_for(testing_support::kHangLimit) != std::future_status::ready) {
       std::fprintf(stderr, "a consumer hung\n");
       std::abort();
     }
@@ -102,7 +102,7 @@ void RunTrial(const Trial& trial) {
   }
 
   if (trial.ending == Ending::kDestroy) {
-    testing::Guarded(
+    testing_support::Guarded(
         [&] {
           buffer.reset();
           return true;
@@ -113,7 +113,7 @@ void RunTrial(const Trial& trial) {
     return;
   }
   // A window produced while the stop was requested is still queued: collect it too.
-  EXPECT_TRUE(testing::Guarded([&] { return buffer->Join(); }, "Join"));
+  EXPECT_TRUE(testing_support::Guarded([&] { return buffer->Join(); }, "Join"));
   std::vector<double> rest;
   while (auto window = buffer->PopNowait()) rest.push_back(ValueOf(*window));
   per_consumer.push_back(rest);

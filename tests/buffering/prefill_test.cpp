@@ -12,10 +12,10 @@ namespace {
 
 using testing::CallLog;
 using testing::FiniteScript;
-using testing::Guarded;
 using testing::Recorded;
 using testing::Script;
 using testing::ValueOf;
+using testing_support::Guarded;
 
 TEST(PrefillTest, ZeroWindowsOnlyPreparesTheSession) {
   Recorded recorded(FiniteScript(3));

@@ -14,11 +14,11 @@ namespace {
 using namespace std::chrono_literals;
 using testing::CallLog;
 using testing::FiniteScript;
-using testing::Guarded;
 using testing::MakeWindow;
 using testing::Recorded;
 using testing::Script;
 using testing::ValueOf;
+using testing_support::Guarded;
 
 std::vector<double> DrainAfterJoin(AsyncWindowBuffer& buffer) {
   EXPECT_TRUE(Guarded([&] { return buffer.Join(); }, "Join"));

@@ -17,12 +17,10 @@
 
 #include <gtest/gtest.h>
 
+#include "support/detached_call.hpp"
 #include "window/producers.hpp"
 
 namespace corvane::control::window::testing {
-
-// How long a test waits for something that should happen at once before it fails.
-inline constexpr std::chrono::seconds kPatience{10};
 
 // A window of `rows` samples of one joint whose positions all hold `value`, covering
 // [start, start + rows).
@@ -54,10 +52,10 @@ class CallLog {
     std::lock_guard<std::mutex> lock(mutex_);
     return counts_[call];
   }
-  // Waits until `call` has been made at least `count` times; false after kPatience.
+  // Waits until `call` has been made at least `count` times; false after kHangLimit.
   bool WaitFor(Call call, std::size_t count) const {
     std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, kPatience, [&] { return counts_[call] >= count; });
+    return cv_.wait_for(lock, testing_support::kHangLimit, [&] { return counts_[call] >= count; });
   }
 
  private:
@@ -135,22 +133,5 @@ struct Recorded {
   explicit Recorded(Script script = Script())
       : producer(std::make_unique<ScriptedProducer>(log, std::move(script))) {}
 };
-
-}  // namespace corvane::control::window::testing
-
-namespace corvane::control::window::testing {
-
-// Runs `call` on another thread and returns its result. Should it not return within kPatience,
-// the whole test program aborts with a message instead of hanging.
-template <typename Call>
-auto Guarded(Call call, const char* what = "a blocking call") {
-  auto result = std::async(std::launch::async, std::move(call));
-  if (result.wait_for(kPatience) != std::future_status::ready) {
-    std::fprintf(stderr, "%s did not return within %lld s\n", what,
-                 static_cast<long long>(kPatience.count()));
-    std::abort();
-  }
-  return result.get();
-}
 
 }  // namespace corvane::control::window::testing

@@ -1,0 +1,175 @@
+// The streaming buffer: forwarding to the reference buffer, the stop that finishes the reference
+// first, and a stream end to end with the lifted-MPC producer over an echoing solver.
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/scripted_producer.hpp"
+#include "window/async_buffer.hpp"
+
+namespace corvane::control::window {
+namespace {
+
+using testing::Recorded;
+using testing_support::Guarded;
+
+constexpr std::size_t kGlobalStart = 500;
+
+// Answers every request with the first "apply_samples" rows of the reference it was given.
+class EchoSolver final : public LiftedMpcSolveSession {
+ public:
+  void Prepare() override {}
+  WindowPayload Solve(const WindowSlice& request) override {
+    const auto rows = static_cast<Eigen::Index>(std::stoul(request.metadata.at("apply_samples")));
+    WindowPayload window;
+    window.positions = request.positions.topRows(rows);
+    window.stop_index = static_cast<std::size_t>(rows);
+    return window;
+  }
+  void Finalize() override {}
+};
+
+struct Stream {
+  std::shared_ptr<AppendableReferenceBuffer> reference =
+      std::make_shared<AppendableReferenceBuffer>(2);
+  AppendableWindowBuffer buffer;
+  explicit Stream(std::optional<std::size_t> capacity = std::nullopt)
+      : buffer(std::make_unique<AppendableLiftedMpcWindowProducer>(
+                   std::make_unique<EchoSolver>(), reference, 4, 10, 0.001, kGlobalStart),
+               reference, 0, capacity) {}
+};
+
+SampleMatrix Block(Eigen::Index rows, double first_value) {
+  SampleMatrix block(rows, 2);
+  for (Eigen::Index r = 0; r < rows; ++r) block.row(r).setConstant(first_value + double(r));
+  return block;
+}
+
+TEST(AppendableWindowBufferTest, ConstructorChecksTheBaseFirst) {
+  auto reference = std::make_shared<AppendableReferenceBuffer>();
+  const auto message = [](auto construct) {
+    try {
+      construct();
+    } catch (const std::invalid_argument& error) {
+      return std::string(error.what());
+    }
+    return std::string("no error");
+  };
+  EXPECT_EQ(message([] { AppendableWindowBuffer(nullptr, nullptr); }),
+            "producer must not be null.");
+  EXPECT_EQ(message([] { AppendableWindowBuffer(Recorded().producer, nullptr, 2, 1); }),
+            "prefill_windows must not exceed queue capacity.");
+  Recorded recorded;
+  EXPECT_EQ(message([&] { AppendableWindowBuffer(std::move(recorded.producer), nullptr); }),
+            "reference_buffer must not be null.");
+  EXPECT_EQ(recorded.log->Count(testing::CallLog::kDestroy), 1u);
+}
+
+TEST(AppendableWindowBufferTest, ForwardsToTheSharedReference) {
+  Stream stream;
+  const AppendedRange range = stream.buffer.AppendReference(Block(2, 1.0));
+  EXPECT_EQ(range.start_index, 0u);
+  EXPECT_EQ(range.stop_index, 2u);
+  EXPECT_EQ(stream.buffer.AvailableReferenceSamples(), 2u);
+  const SampleMatrix before = stream.buffer.ReferencePositions();
+  stream.buffer.AppendReference(Block(1, 3.0));
+  EXPECT_EQ(before.rows(), 2);  // a copy, not a view
+  EXPECT_EQ(stream.reference->available_samples(), 3u);
+
+  stream.buffer.Stop();
+  EXPECT_TRUE(stream.reference->is_finished());
+  try {
+    stream.buffer.AppendReference(Block(1, 4.0));
+    ADD_FAILURE() << "appended after Stop()";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "Cannot append reference samples after Finish().");
+  }
+}
+
+// A producer blocked on its first reference sample is released by the stop of Close() and by
+// the destructor.
+TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsForSamples) {
+  {
+    Stream stream;
+    stream.buffer.Start();
+    Guarded(
+        [&] {
+          stream.buffer.Close();
+          return true;
+        },
+        "Close");
+    EXPECT_FALSE(stream.buffer.PopNowait().has_value());
+    EXPECT_TRUE(stream.buffer.IsComplete());
+  }
+  auto stream = std::make_unique<Stream>();
+  stream->buffer.Start();
+  Guarded(
+      [&] {
+        stream.reset();
+        return true;
+      },
+      "destruction");
+}
+
+// The caller appends blocks at irregular moments while the consumer pops. Windows tile the
+// global index line, each one echoes the reference, held samples repeat the sample before them,
+// and after Finish() every remaining window arrives before the buffer is complete.
+TEST(AppendableWindowBufferTest, StreamsEveryAppendedSampleInOrder) {
+  Stream stream(3);
+  stream.buffer.Start();
+  std::thread planner([&] {
+    std::mt19937 random(11);
+    double value = 0.0;
+    for (int block = 0; block < 200; ++block) {
+      const auto rows = static_cast<Eigen::Index>(1 + random() % 7);
+      stream.buffer.AppendReference(Block(rows, value));
+      value += static_cast<double>(rows);
+      if (random() % 4 == 0) std::this_thread::yield();  // now and then the planner falls behind
+    }
+    stream.buffer.Finish();
+  });
+
+  std::vector<WindowPayload> windows;
+  while (auto window = Guarded([&] { return stream.buffer.Pop(); }, "Pop")) {
+    windows.push_back(std::move(*window));
+  }
+  planner.join();
+  EXPECT_TRUE(stream.buffer.IsComplete());
+  EXPECT_EQ(stream.buffer.LastError(), std::nullopt);
+
+  const SampleMatrix reference = stream.buffer.ReferencePositions();
+  std::size_t next = kGlobalStart;
+  for (const WindowPayload& window : windows) {
+    ASSERT_EQ(window.start_index, next);
+    const auto first = static_cast<Eigen::Index>(next - kGlobalStart);
+    EXPECT_EQ(window.positions, reference.middleRows(first, window.positions.rows()));
+    EXPECT_EQ(window.metadata.at("sample_time_s"), "0.001000");
+    next = window.stop_index;
+  }
+  EXPECT_EQ(next - kGlobalStart, static_cast<std::size_t>(reference.rows()));
+  // Appended values climb by one per sample; a held sample repeats its predecessor instead.
+  double appended = 0.0;
+  for (Eigen::Index r = 0; r < reference.rows(); ++r) {
+    if (reference(r, 0) == appended) {
+      appended += 1.0;
+    } else {
+      ASSERT_GT(r, 0);
+      EXPECT_EQ(reference.row(r), reference.row(r - 1)) << "sample " << r;
+    }
+  }
+  EXPECT_EQ(appended, [&] {
+    double total = 0.0;  // every appended sample made it into the reference
+    std::mt19937 random(11);
+    for (int block = 0; block < 200; ++block) {
+      total += static_cast<double>(1 + random() % 7);
+      random();
+    }
+    return total;
+  }());
+}
+
+}  // namespace
+}  // namespace corvane::control::window
