@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Builds the library and its examples, then runs the main example.
+# Builds the library and the demo program, then runs the demo with the given options
+# (for example: scripts/demo.sh --mode shaper --plot shaper.png).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build build -j "$(nproc)" --target 01_replay_windows
-build/examples/01_replay_windows "$@"
+cmake --build build -j "$(nproc)" --target corvane-window-demo
+build/examples/corvane-window-demo "$@"

@@ -3,7 +3,7 @@
 # nothing. Safe to run again.
 set -euo pipefail
 
-packages=(cmake g++ make libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake g++ make libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox)
 
 missing=()
 for package in "${packages[@]}"; do

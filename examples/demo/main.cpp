@@ -1,0 +1,37 @@
+// corvane-window-demo: a 6-joint arm's point-to-point moves, played window by window through
+// the library's buffers by a real-time control loop. See --help for the modes and options.
+#include <cstdio>
+#include <exception>
+
+#include "demo/modes.hpp"
+#include "demo/options.hpp"
+#include "demo/report.hpp"
+
+namespace demo = corvane::demo;
+
+int main(int argc, char** argv) {
+  demo::DemoOptions options;
+  try {
+    options = demo::ParseOptions(argc, argv);
+  } catch (const demo::UsageError& error) {
+    std::fprintf(stderr, "corvane-window-demo: %s\n", error.what());
+    return 2;
+  }
+  if (options.help) {
+    std::fputs(demo::kUsage, stdout);
+    return 0;
+  }
+  try {
+    demo::PrintHeader(options);
+    const demo::DemoRun run = demo::RunDemo(options);
+    demo::PrintReport(options, run);
+    if (!options.csv_path.empty()) demo::WriteCsv(options.csv_path, run, options.sample_time_s());
+    if (!options.plot_path.empty()) {
+      demo::WritePlot(options.plot_path, run, options.sample_time_s());
+    }
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "corvane-window-demo: %s\n", error.what());
+    return 1;
+  }
+  return 0;
+}

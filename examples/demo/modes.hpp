@@ -1,0 +1,28 @@
+// The demo's three ways of making windows for the same planned motion.
+#pragma once
+
+#include <cstddef>
+
+#include <window/async_buffer.hpp>
+#include <window/records.hpp>
+
+#include "demo/control_loop.hpp"
+#include "demo/options.hpp"
+
+namespace corvane::demo {
+
+struct DemoRun {
+  control::window::SampleMatrix reference;  // what the command followed, a row per played sample
+  Playback playback;
+  std::size_t hold_samples = 0;  // reference samples the producer held beyond the planner's
+  control::window::QualificationReport qualification;
+  double wall_time_s = 0.0;  // [s] from planning to the last window
+};
+
+// Plans the point-to-point motion and plays it through the engine of options.mode.
+DemoRun RunDemo(const DemoOptions& options);
+
+// Compute seconds per second of window that the qualification allows.
+inline constexpr double kComputeFractionLimit = 0.5;
+
+}  // namespace corvane::demo

@@ -1,0 +1,107 @@
+#include "demo/options.hpp"
+
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+#include <map>
+
+namespace corvane::demo {
+
+const char kUsage[] =
+    "Usage: corvane-window-demo [options]\n"
+    "Plays a 6-joint arm's point-to-point moves through the window buffers in real time.\n"
+    "  --mode mpc|shaper|replay  engine: lifted MPC over a streamed reference (default),\n"
+    "                            input shaping, or replay of precomputed windows\n"
+    "  --joints N                joints, 1 to 64 (default 6)\n"
+    "  --rate HZ                 sample rate, up to 100000 (default 1000)\n"
+    "  --apply N                 samples per window, up to 1000 (default 10)\n"
+    "  --lookahead N             reference samples per MPC solve, --apply to 1000 (default 100)\n"
+    "  --duration S              seconds of motion, up to 600 (default 3)\n"
+    "  --fast                    no real-time pacing\n"
+    "  --csv FILE                write time, reference and command per joint\n"
+    "  --plot FILE.png           draw reference against command per joint (needs gnuplot)\n";
+
+namespace {
+
+Eigen::Index ParseCount(const std::string& option, const std::string& text, long max) {
+  char* end = nullptr;
+  const long value = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || value < 1 || value > max) {
+    throw UsageError(option + " needs a whole number from 1 to " + std::to_string(max) + ", not '" +
+                     text + "'.");
+  }
+  return static_cast<Eigen::Index>(value);
+}
+
+double ParsePositive(const std::string& option, const std::string& text, double max) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !(value > 0.0 && value <= max)) {
+    throw UsageError(option + " needs a number above 0 and up to " +
+                     std::to_string(static_cast<long>(max)) + ", not '" + text + "'.");
+  }
+  return value;
+}
+
+Mode ParseMode(const std::string& text) {
+  for (const Mode mode : {Mode::kMpc, Mode::kShaper, Mode::kReplay}) {
+    if (text == ModeName(mode)) return mode;
+  }
+  throw UsageError("--mode needs mpc, shaper or replay, not '" + text + "'.");
+}
+
+}  // namespace
+
+const char* ModeName(Mode mode) {
+  switch (mode) {
+    case Mode::kMpc:
+      return "mpc";
+    case Mode::kShaper:
+      return "shaper";
+    case Mode::kReplay:
+      return "replay";
+  }
+  return "?";
+}
+
+DemoOptions ParseOptions(int argc, const char* const* argv) {
+  DemoOptions options;
+  using Setter = std::function<void(const std::string&)>;
+  const std::map<std::string, Setter> valued = {
+      {"--mode", [&](const std::string& v) { options.mode = ParseMode(v); }},
+      {"--joints", [&](const std::string& v) { options.joints = ParseCount("--joints", v, 64); }},
+      {"--rate", [&](const std::string& v) { options.rate_hz = ParsePositive("--rate", v, 1e5); }},
+      {"--apply",
+       [&](const std::string& v) { options.apply_samples = ParseCount("--apply", v, 1000); }},
+      {"--lookahead",
+       [&](const std::string& v) {
+         options.lookahead_samples = ParseCount("--lookahead", v, 1000);
+       }},
+      {"--duration",
+       [&](const std::string& v) { options.duration_s = ParsePositive("--duration", v, 600.0); }},
+      {"--csv", [&](const std::string& v) { options.csv_path = v; }},
+      {"--plot", [&](const std::string& v) { options.plot_path = v; }},
+  };
+  for (int i = 1; i < argc; ++i) {
+    const std::string option = argv[i];
+    if (option == "--fast") {
+      options.fast = true;
+    } else if (option == "--help" || option == "-h") {
+      options.help = true;
+    } else if (const auto setter = valued.find(option); setter != valued.end()) {
+      if (i + 1 == argc) throw UsageError(option + " needs a value.");
+      setter->second(argv[++i]);
+    } else {
+      throw UsageError("unknown option '" + option + "' (try --help).");
+    }
+  }
+  if (options.lookahead_samples < options.apply_samples) {
+    throw UsageError("--lookahead must be at least --apply.");
+  }
+  if (std::lround(options.duration_s * options.rate_hz) < 2) {
+    throw UsageError("--duration and --rate give fewer than two samples.");
+  }
+  return options;
+}
+
+}  // namespace corvane::demo

@@ -1,0 +1,135 @@
+#include "engines/lifted_mpc_solver.hpp"
+
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include <Eigen/Cholesky>
+
+namespace corvane::examples {
+
+namespace cw = control::window;
+
+namespace {
+
+// The request's "apply_samples": a decimal count from 1 to the request's row count.
+Eigen::Index ApplySamples(const cw::WindowSlice& request) {
+  const auto entry = request.metadata.find("apply_samples");
+  const std::string text = entry == request.metadata.end() ? std::string() : entry->second;
+  std::size_t count = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  if (error != std::errc() || end != text.data() + text.size()) count = 0;
+  if (count == 0 || count > static_cast<std::size_t>(request.positions.rows())) {
+    throw std::invalid_argument("apply_samples must be a count from 1 to the request rows.");
+  }
+  return static_cast<Eigen::Index>(count);
+}
+
+}  // namespace
+
+LiftedMpcSolver::LiftedMpcSolver(double sample_time_s, Eigen::Index horizon_samples,
+                                 LiftedMpcWeights weights)
+    : sample_time_s_(sample_time_s), horizon_samples_(horizon_samples), weights_(weights) {
+  if (!std::isfinite(sample_time_s) || sample_time_s <= 0.0) {
+    throw std::invalid_argument("sample_time_s must be finite and positive.");
+  }
+  if (horizon_samples < 1) throw std::invalid_argument("horizon_samples must be positive.");
+  if (!(weights.acceleration_s4 >= 0.0) || !(weights.acceleration_change_s4 >= 0.0)) {
+    throw std::invalid_argument("LiftedMpcWeights must not be negative.");
+  }
+}
+
+void LiftedMpcSolver::Prepare() {
+  state_.reset();
+  GainsFor(horizon_samples_);
+}
+
+void LiftedMpcSolver::Finalize() { state_.reset(); }
+
+cw::WindowPayload LiftedMpcSolver::Solve(const cw::WindowSlice& request) {
+  const auto started = std::chrono::steady_clock::now();
+  const Eigen::Index apply = ApplySamples(request);
+  const Eigen::Index joints = request.positions.cols();
+  if (!state_) {
+    const Eigen::RowVectorXd rest = Eigen::RowVectorXd::Zero(joints);
+    state_ = JointState{request.positions.row(0), rest, rest};
+  }
+  if (state_->position.size() != joints) {
+    throw std::invalid_argument("The joint count must not change within a session.");
+  }
+
+  const HorizonGains& gains = GainsFor(request.positions.rows());
+  // Tracking error of the free response (no further acceleration), all joints at once.
+  const Eigen::MatrixXd error = request.positions - gains.free_response.col(0) * state_->position -
+                                gains.free_response.col(1) * state_->velocity;
+  const Eigen::MatrixXd accelerations =
+      gains.reference_gain.topRows(apply) * error +
+      gains.last_acceleration_gain.head(apply) * state_->acceleration;
+
+  cw::WindowPayload payload = Apply(accelerations);
+  const double first_time_s = static_cast<double>(request.start_index) * sample_time_s_;
+  payload.time_s = Eigen::VectorXd::LinSpaced(
+      apply, first_time_s, first_time_s + static_cast<double>(apply - 1) * sample_time_s_);
+  payload.compute_time_s =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  return payload;
+}
+
+const LiftedMpcSolver::HorizonGains& LiftedMpcSolver::GainsFor(Eigen::Index horizon) {
+  auto found = gains_.find(horizon);
+  if (found == gains_.end()) found = gains_.emplace(horizon, ComputeGains(horizon)).first;
+  return found->second;
+}
+
+LiftedMpcSolver::HorizonGains LiftedMpcSolver::ComputeGains(Eigen::Index horizon) const {
+  const double h = sample_time_s_;
+  // Row k predicts sample k + 1 after the current state: p = p0 + (k + 1) h v0 + ...
+  Eigen::MatrixXd free_response(horizon, 2);
+  free_response.col(0).setOnes();
+  free_response.col(1) = Eigen::VectorXd::LinSpaced(horizon, h, static_cast<double>(horizon) * h);
+
+  // Acceleration i moves the position of row k >= i by h^2 (k - i + 1/2).
+  Eigen::MatrixXd gamma = Eigen::MatrixXd::Zero(horizon, horizon);
+  for (Eigen::Index k = 0; k < horizon; ++k) {
+    for (Eigen::Index i = 0; i <= k; ++i) gamma(k, i) = h * h * (static_cast<double>(k - i) + 0.5);
+  }
+  // First difference of the accelerations; row 0 compares with the acceleration applied last.
+  Eigen::MatrixXd difference = Eigen::MatrixXd::Identity(horizon, horizon);
+  difference.diagonal(-1).setConstant(-1.0);
+
+  const Eigen::MatrixXd hessian =
+      gamma.transpose() * gamma +
+      weights_.acceleration_s4 * Eigen::MatrixXd::Identity(horizon, horizon) +
+      weights_.acceleration_change_s4 * difference.transpose() * difference;
+  const Eigen::LLT<Eigen::MatrixXd> factor(hessian);
+  const Eigen::VectorXd first = Eigen::VectorXd::Unit(horizon, 0);
+  return HorizonGains{free_response, factor.solve(gamma.transpose()),
+                      weights_.acceleration_change_s4 * factor.solve(first)};
+}
+
+cw::WindowPayload LiftedMpcSolver::Apply(const Eigen::MatrixXd& accelerations) {
+  const Eigen::Index rows = accelerations.rows();
+  const Eigen::Index joints = accelerations.cols();
+  const double h = sample_time_s_;
+  cw::WindowPayload payload;
+  payload.positions.resize(rows, joints);
+  payload.velocities = cw::SampleMatrix(rows, joints);
+  payload.accelerations = accelerations;
+  JointState& state = *state_;
+  for (Eigen::Index k = 0; k < rows; ++k) {
+    state.acceleration = accelerations.row(k);
+    state.position += h * state.velocity + 0.5 * h * h * state.acceleration;
+    state.velocity += h * state.acceleration;
+    payload.positions.row(k) = state.position;
+    payload.velocities->row(k) = state.velocity;
+  }
+  payload.start_index = 0;
+  payload.stop_index = static_cast<std::size_t>(rows);
+  return payload;
+}
+
+}  // namespace corvane::examples

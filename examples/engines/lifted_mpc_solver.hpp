@@ -1,0 +1,82 @@
+// A condensed ("lifted") model-predictive controller for a multi-joint machine whose joints are
+// modelled as double integrators: state position and velocity, input acceleration.
+//
+// Over a horizon of N samples the predicted positions are P = Phi x0 + Gamma U, where x0 is the
+// current state and U the N accelerations still to choose. The controller minimises
+//
+//   |R - P|^2 + w_a |U|^2 + w_j |D U - e0 a_prev|^2
+//
+// with R the reference positions, D the first difference of U and a_prev the acceleration
+// applied last. Without constraints the optimum is linear:
+//
+//   U = K (R - Phi x0) + k a_prev,   K = H^-1 Gamma^T,   k = w_j H^-1 e0,
+//   H = Gamma^T Gamma + w_a I + w_j D^T D,
+//
+// so K and k are computed once per horizon length and every joint is solved by one matrix
+// product. The first "apply_samples" rows are applied and the state carries over to the next
+// request.
+#pragma once
+
+#include <map>
+#include <optional>
+
+#include <Eigen/Core>
+#include <window/producers.hpp>
+
+namespace corvane::examples {
+
+// Weights of the controller's cost, next to a weight of 1 on each squared tracking error in rad.
+struct LiftedMpcWeights {
+  double acceleration_s4 = 1e-9;         // [s^4] on each squared acceleration
+  double acceleration_change_s4 = 1e-8;  // [s^4] on each squared change of acceleration
+};
+
+class LiftedMpcSolver final : public control::window::LiftedMpcSolveSession {
+ public:
+  // sample_time_s: [s] the period of the request rows, finite and positive.
+  // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
+  // their gains are computed by Prepare(), away from the timed solves. Requests of any other
+  // length get theirs when they first come.
+  // Throws std::invalid_argument for a bad period, a horizon below 1 or a negative weight.
+  LiftedMpcSolver(double sample_time_s, Eigen::Index horizon_samples,
+                  LiftedMpcWeights weights = {});
+
+  // Starts a new session, in which the first request starts the machine at rest on its first
+  // row, and makes sure the gains of the expected horizon are ready.
+  void Prepare() override;
+  // Solves one request and applies its first "apply_samples" rows, which it returns with
+  // positions, velocities, accelerations and times (request row k at (start_index + k) periods)
+  // over the range [0, apply_samples). Throws std::invalid_argument when "apply_samples" is
+  // missing, not a count from 1 to the request's rows, or the joint count changes.
+  control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
+  // Ends the session and forgets the carried state.
+  void Finalize() override;
+
+ private:
+  // The joints' state after the last applied sample; one column per joint.
+  struct JointState {
+    Eigen::RowVectorXd position;      // [rad]
+    Eigen::RowVectorXd velocity;      // [rad/s]
+    Eigen::RowVectorXd acceleration;  // [rad/s^2] the acceleration applied last
+  };
+
+  // The matrices of the optimum for one horizon length N.
+  struct HorizonGains {
+    Eigen::MatrixXd free_response;           // [N, 2] Phi: positions from the state, no input
+    Eigen::MatrixXd reference_gain;          // [N, N] K
+    Eigen::VectorXd last_acceleration_gain;  // [N] k
+  };
+
+  const HorizonGains& GainsFor(Eigen::Index horizon);
+  HorizonGains ComputeGains(Eigen::Index horizon) const;
+  // Applies the accelerations row by row, with the exact discretisation of the double integrator.
+  control::window::WindowPayload Apply(const Eigen::MatrixXd& accelerations);
+
+  double sample_time_s_;
+  Eigen::Index horizon_samples_;
+  LiftedMpcWeights weights_;
+  std::map<Eigen::Index, HorizonGains> gains_;
+  std::optional<JointState> state_;
+};
+
+}  // namespace corvane::examples
