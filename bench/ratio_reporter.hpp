@@ -14,23 +14,37 @@ namespace corvane::bench {
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration) runs_[run.benchmark_name()] = run;
-    }
+    for (const Run& run : runs) runs_[WithoutRepeats(run.benchmark_name())] = run;
     ConsoleReporter::ReportRuns(runs);
   }
 
-  // Real time per iteration, in nanoseconds, of the named run.
+  // Real time per iteration, in nanoseconds, of the named run (the median over repetitions,
+  // where the benchmark was repeated).
   double NanosecondsPerIteration(const std::string& name) const {
-    const Run& run = runs_.at(name);
+    const Run& run = Find(name);
     return run.real_accumulated_time * 1e9 / static_cast<double>(run.iterations);
   }
-  // A user counter of the named run, as the console shows it.
+  // A user counter of the named run (its median, where repeated), as the console shows it.
   double Counter(const std::string& name, const std::string& counter) const {
-    return runs_.at(name).counters.at(counter).value;
+    return Find(name).counters.at(counter).value;
   }
-  bool Has(const std::string& name) const { return runs_.count(name) > 0; }
+  bool Has(const std::string& name) const {
+    return runs_.count(name) > 0 || runs_.count(name + "_median") > 0;
+  }
 
+ private:
+  // The name without its "/repeats:N" part, so that a figure is found whether repeated or not.
+  static std::string WithoutRepeats(std::string name) {
+    const auto at = name.find("/repeats:");
+    if (at != std::string::npos) name.erase(at, name.find('/', at + 1) - at);
+    return name;
+  }
+  const Run& Find(const std::string& name) const {
+    const auto median = runs_.find(name + "_median");
+    return median != runs_.end() ? median->second : runs_.at(name);
+  }
+
+ public:
  private:
   std::map<std::string, Run> runs_;
 };

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "buffering/async_window_buffer_impl.hpp"
-#include "common/steady_deadline.hpp"
+#include "common/timed_wait.hpp"
 
 namespace corvane::control::window {
 
@@ -80,8 +80,8 @@ bool AsyncWindowBuffer::Join(std::optional<std::chrono::nanoseconds> timeout) {
   if (!impl_->worker.joinable()) return true;  // never started, or joined already
   if (timeout) {
     auto lock = impl_->Lock();
-    const bool finished = impl_->cv.wait_until(lock, DeadlineAfter(*timeout),
-                                               [this] { return impl_->producer_finished; });
+    const bool finished =
+        WaitWithTimeout(impl_->cv, lock, timeout, [this] { return impl_->producer_finished; });
     if (!finished) return false;  // the worker runs on; the caller may join again
   }
   impl_->worker.join();
@@ -95,9 +95,7 @@ std::optional<WindowPayload> AsyncWindowBuffer::Pop(
   const auto ready = [&state] {
     return !state.queue.empty() || state.producer_finished || state.stop_requested;
   };
-  if (!timeout) {
-    state.cv.wait(lock, ready);
-  } else if (!state.cv.wait_until(lock, DeadlineAfter(*timeout), ready)) {
+  if (!WaitWithTimeout(state.cv, lock, timeout, ready)) {
     return std::nullopt;  // deadline passed: nothing to report yet
   }
 

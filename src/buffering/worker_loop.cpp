@@ -18,6 +18,10 @@ namespace {
 // its wake-up costs tens of microseconds, which a control loop calling PopNowait cannot afford.
 constexpr int kLockSpinAttempts = 200;
 
+// How long the worker keeps looking for room in a full queue before it sleeps.
+constexpr std::chrono::microseconds kRoomLookout{50};
+constexpr int kPausesBetweenRoomLooks = 16;
+
 inline void RelaxCpu() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_ia32_pause();
@@ -110,9 +114,23 @@ bool AsyncWindowBuffer::Impl::HasRoom() const {
 }
 
 // Returns true when the queue has room, false when the wait ended in a stop (tested first).
+//
+// Before it sleeps, the worker looks again for a short while: a consumer that pops from a full
+// queue must wake a sleeping worker, and that wake-up is a system call on the consumer's thread,
+// which on a virtual machine can take a hundred microseconds. A control loop that keeps popping
+// makes room within that while, so the worker seldom sleeps and PopNowait seldom pays for it.
 bool AsyncWindowBuffer::Impl::WaitForRoom() {
+  const auto room_or_stop = [this] { return stop_requested || HasRoom(); };
   auto lock = Lock();
-  cv.wait(lock, [this] { return stop_requested || HasRoom(); });
+  if (!room_or_stop()) {
+    const auto give_up = std::chrono::steady_clock::now() + kRoomLookout;
+    do {
+      lock.unlock();
+      for (int pause = 0; pause < kPausesBetweenRoomLooks; ++pause) RelaxCpu();
+      lock = Lock();
+    } while (!room_or_stop() && std::chrono::steady_clock::now() < give_up);
+  }
+  cv.wait(lock, room_or_stop);
   return !stop_requested;
 }
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "common/steady_deadline.hpp"
+#include "common/timed_wait.hpp"
 
 namespace corvane::control::window {
 
@@ -170,13 +170,8 @@ bool AppendableReferenceBuffer::WaitUntilSamples(std::size_t count,
                                                  std::optional<std::chrono::nanoseconds> timeout) {
   std::unique_lock<std::mutex> lock(impl_->mutex);
   const auto done = [this, count] { return impl_->SampleCount() >= count || impl_->finished; };
-  if (timeout.has_value()) {
-    // The deadline is fixed once, so spurious wake-ups do not extend the wait. A deadline that
-    // has already passed ends the wait at once, after one check of the condition.
-    impl_->cv.wait_until(lock, DeadlineAfter(*timeout), done);
-  } else {
-    impl_->cv.wait(lock, done);
-  }
+  WaitWithTimeout(impl_->cv, lock, timeout, done);
+  // Reached, even when the stream is also finished; not reached when it ended or timed out.
   return impl_->SampleCount() >= count;
 }
 
