@@ -20,13 +20,14 @@ using testing::Recorded;
 using testing::Script;
 
 // A buffer whose history holds exactly these compute times and durations: one-row windows that
-// declare compute times far above what producing them takes, and durations as sample periods.
+// declare compute times far above what producing them takes, and durations as sample periods
+// ("" for a window without rows, which lasts no time at all).
 AsyncWindowBuffer BufferWithHistory(const std::vector<double>& compute_s,
                                     const std::vector<std::string>& duration_text,
                                     std::size_t prefill_windows) {
   Script script;
   script.produce = [=](std::size_t i) {
-    WindowPayload window = MakeWindow(0.0, i);
+    WindowPayload window = MakeWindow(0.0, i, duration_text[i].empty() ? 0 : 1);
     window.compute_time_s = compute_s[i];
     window.metadata["sample_time_s"] = duration_text[i];
     return std::optional<WindowPayload>(window);
@@ -37,9 +38,8 @@ AsyncWindowBuffer BufferWithHistory(const std::vector<double>& compute_s,
   return buffer;
 }
 
-TEST(QualificationTest, RejectsLimitsThatAreNotFiniteAndPositive) {
-  Recorded recorded;
-  AsyncWindowBuffer buffer(std::move(recorded.producer), 7);
+TEST(QualificationTest, RejectsBadLimitsAndQualifiesAnEmptyHistory) {
+  AsyncWindowBuffer buffer(Recorded().producer, 7);
   for (double limit : {0.0, -1.0, std::numeric_limits<double>::infinity(),
                        std::numeric_limits<double>::quiet_NaN()}) {
     try {
@@ -53,8 +53,7 @@ TEST(QualificationTest, RejectsLimitsThatAreNotFiniteAndPositive) {
   EXPECT_TRUE(empty.qualified);
   EXPECT_EQ(empty.prefill_windows, 7u);
   EXPECT_EQ(empty.total_windows, 0u);
-  EXPECT_EQ(empty.min_margin_s, 0.0);
-  EXPECT_EQ(empty.p99_compute_time_s, 0.0);
+  EXPECT_EQ(empty.min_margin_s, 0.0);  // not infinity
 }
 
 TEST(QualificationTest, OneWindowIsJudgedByItsComputeFraction) {
@@ -62,22 +61,16 @@ TEST(QualificationTest, OneWindowIsJudgedByItsComputeFraction) {
   const QualificationReport relaxed = buffer.Qualify(1.0);
   EXPECT_TRUE(relaxed.qualified);
   EXPECT_EQ(relaxed.min_margin_s, 0.5 - 0.4);
-  EXPECT_EQ(relaxed.underrun_windows, 0u);
-  EXPECT_EQ(relaxed.max_compute_time_s, 0.4);
   EXPECT_EQ(relaxed.p99_compute_time_s, 0.4);
-  EXPECT_EQ(buffer.Qualify(0.8).qualified, true);  // a fraction equal to the limit passes
-
+  EXPECT_TRUE(buffer.Qualify(0.8).qualified);  // a fraction equal to the limit passes
   const QualificationReport strict = buffer.Qualify(0.5);
   EXPECT_FALSE(strict.qualified);
-  EXPECT_EQ(strict.compute_fraction_limit, 0.5);
   EXPECT_EQ(strict.min_margin_s, relaxed.min_margin_s);
-  EXPECT_EQ(strict.total_compute_time_s, relaxed.total_compute_time_s);
 }
 
 TEST(QualificationTest, PrefillCreditDecidesTheUnderruns) {
   const std::vector<double> compute_s{0.5, 0.2, 0.3};
   const std::vector<std::string> durations{"0.25", "0.25", "0.25"};
-
   const QualificationReport credited = BufferWithHistory(compute_s, durations, 1).Qualify(1.5);
   EXPECT_EQ(credited.min_margin_s, 0.25);
   EXPECT_EQ(credited.underrun_windows, 0u);
@@ -85,35 +78,18 @@ TEST(QualificationTest, PrefillCreditDecidesTheUnderruns) {
   EXPECT_EQ(credited.max_compute_time_s, 0.5);
   const double frac = 0.99 * 2.0 - 1.0;
   EXPECT_EQ(credited.p99_compute_time_s, std::fma(0.3, 1.0 - frac, frac * 0.5));
-  EXPECT_NEAR(credited.p99_compute_time_s, 0.496, 1e-12);
   EXPECT_EQ(credited.total_compute_time_s, 0.5 + 0.2 + 0.3);
   EXPECT_EQ(credited.total_windows, 3u);
 
   const QualificationReport uncredited = BufferWithHistory(compute_s, durations, 0).Qualify(1.5);
   EXPECT_EQ(uncredited.min_margin_s, -0.25);
   EXPECT_EQ(uncredited.underrun_windows, 3u);
+  EXPECT_TRUE(BufferWithHistory(compute_s, durations, 9).Qualify(2.0).qualified);
 
-  // More credit than windows: every margin is at least the running duration.
-  const QualificationReport generous = BufferWithHistory(compute_s, durations, 9).Qualify(2.0);
-  EXPECT_EQ(generous.underrun_windows, 0u);
-  EXPECT_TRUE(generous.qualified);
-}
-
-TEST(QualificationTest, WindowWithoutDurationDisqualifies) {
-  // The second window has no rows, so it lasts no time at all.
-  Script script;
-  script.produce = [](std::size_t i) {
-    WindowPayload window = MakeWindow(0.0, i, i == 0 ? 1 : 0);
-    window.compute_time_s = 1e-3;
-    return std::optional<WindowPayload>(window);
-  };
-  Recorded recorded(script);
-  AsyncWindowBuffer buffer(std::move(recorded.producer), 2);
-  ASSERT_EQ(buffer.Prefill(2), 2u);
-  const QualificationReport report = buffer.Qualify(1e9);
-  EXPECT_FALSE(report.qualified);
-  EXPECT_EQ(report.underrun_windows, 0u);
-  EXPECT_EQ(report.total_windows, 2u);
+  // A window that lasts no time fails whatever it cost; its margin still counts.
+  const QualificationReport instant = BufferWithHistory({1e-3, 1e-3}, {"1", ""}, 2).Qualify(1e9);
+  EXPECT_FALSE(instant.qualified);
+  EXPECT_EQ(instant.underrun_windows, 0u);
 }
 
 // The quantile is found by selection; it must equal the interpolation over a full sort.
@@ -127,16 +103,14 @@ TEST(QualificationTest, QuantileMatchesTheSortedDefinitionOnRandomHistories) {
     const QualificationReport report =
         BufferWithHistory(compute_s, std::vector<std::string>(compute_s.size(), "1"), 0)
             .Qualify(1.0);
-
-    std::vector<double> sorted = compute_s;
-    std::sort(sorted.begin(), sorted.end());
-    const double pos = 0.99 * static_cast<double>(sorted.size() - 1);
-    const double lo = std::floor(pos);
-    const double frac = pos - lo;
-    const double expected = std::fma(sorted[static_cast<std::size_t>(lo)], 1.0 - frac,
-                                     frac * sorted[static_cast<std::size_t>(std::ceil(pos))]);
+    std::sort(compute_s.begin(), compute_s.end());
+    const double pos = 0.99 * static_cast<double>(compute_s.size() - 1);
+    const double frac = pos - std::floor(pos);
+    const double expected =
+        std::fma(compute_s[static_cast<std::size_t>(std::floor(pos))], 1.0 - frac,
+                 frac * compute_s[static_cast<std::size_t>(std::ceil(pos))]);
     EXPECT_EQ(report.p99_compute_time_s, expected) << "history of " << compute_s.size();
-    EXPECT_EQ(report.max_compute_time_s, sorted.back());
+    EXPECT_EQ(report.max_compute_time_s, compute_s.back());
   }
 }
 

@@ -1,29 +1,22 @@
-// Test doubles for the window buffers: a producer whose answers are scripted and whose calls are
-// recorded, and the windows it yields.
+// Test doubles for the window buffers: a producer whose answers are scripted by functions of the
+// call number and whose calls are counted, and the small windows it yields.
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 
-#include <gtest/gtest.h>
-
 #include "support/detached_call.hpp"
 #include "window/producers.hpp"
 
 namespace corvane::control::window::testing {
 
-// A window of `rows` samples of one joint whose positions all hold `value`, covering
-// [start, start + rows).
+// One sample of one joint holding `value`, covering [start, start + rows).
 inline WindowPayload MakeWindow(double value, std::size_t start = 0, Eigen::Index rows = 1) {
   WindowPayload window;
   window.positions = SampleMatrix::Constant(rows, 1, value);
@@ -32,27 +25,39 @@ inline WindowPayload MakeWindow(double value, std::size_t start = 0, Eigen::Inde
   return window;
 }
 
-// The value that identifies a window made by MakeWindow.
 inline double ValueOf(const WindowPayload& window) { return window.positions(0, 0); }
 
-// Counts of the calls a ScriptedProducer received. It outlives the producer (the buffer owns and
-// destroys that), and lets a test wait, with a deadline, until a count is reached.
+// The what() of the `Error` that `call` throws, or "no error". Another exception type passes.
+template <typename Error, typename Call>
+std::string MessageOf(Call call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+// Counts of the calls a ScriptedProducer received. It outlives the producer (which the buffer
+// owns), and lets a test wait, up to kHangLimit, until a count is reached.
 class CallLog {
  public:
   enum Call { kPrepare, kExhausted, kProduce, kFinalize, kDestroy, kCallKinds };
 
-  void Record(Call call) {
+  // Counts the call and returns its number (0 for the first call of its kind).
+  std::size_t Record(Call call) {
+    std::size_t number = 0;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      ++counts_[call];
+      number = counts_[call]++;
     }
     cv_.notify_all();
+    return number;
   }
   std::size_t Count(Call call) const {
     std::lock_guard<std::mutex> lock(mutex_);
     return counts_[call];
   }
-  // Waits until `call` has been made at least `count` times; false after kHangLimit.
   bool WaitFor(Call call, std::size_t count) const {
     std::unique_lock<std::mutex> lock(mutex_);
     return cv_.wait_for(lock, testing_support::kHangLimit, [&] { return counts_[call] >= count; });
@@ -64,25 +69,21 @@ class CallLog {
   std::size_t counts_[kCallKinds] = {};
 };
 
-// A producer scripted by functions of the call number (0, 1, 2, ... per operation). By default
-// it prepares, is never exhausted, yields MakeWindow(n) on call n, and has no tail.
+// By default: prepares, is never exhausted, yields MakeWindow(n, n) on call n, has no tail.
 struct Script {
+  using Windows = std::function<std::optional<WindowPayload>(std::size_t)>;
   std::function<void()> prepare = [] {};
-  std::function<bool(std::size_t)> exhausted = [](std::size_t) { return false; };
-  std::function<std::optional<WindowPayload>(std::size_t)> produce = [](std::size_t n) {
-    return std::optional<WindowPayload>(MakeWindow(static_cast<double>(n), n));
-  };
-  std::function<std::optional<WindowPayload>(std::size_t)> finalize = [](std::size_t) {
-    return std::optional<WindowPayload>();
-  };
+  std::function<bool()> exhausted = [] { return false; };
+  Windows produce = [](std::size_t n) { return MakeWindow(static_cast<double>(n), n); };
+  Windows finalize = [](std::size_t) { return std::nullopt; };
 };
 
-// A script of `mainline` windows MakeWindow(0) .. MakeWindow(mainline - 1), exhausted after
-// them, then `tail` windows that carry on the numbering: mainline, mainline + 1, ...
+// `mainline` windows valued 0, 1, ..., exhausted after them, then `tail` windows that carry on
+// the numbering.
 inline Script FiniteScript(std::size_t mainline, std::size_t tail = 0) {
   Script script;
   auto produced = std::make_shared<std::size_t>(0);
-  script.exhausted = [mainline, produced](std::size_t) { return *produced >= mainline; };
+  script.exhausted = [mainline, produced] { return *produced >= mainline; };
   script.produce = [mainline, produced](std::size_t) -> std::optional<WindowPayload> {
     if (*produced >= mainline) return std::nullopt;
     const std::size_t n = (*produced)++;
@@ -91,6 +92,15 @@ inline Script FiniteScript(std::size_t mainline, std::size_t tail = 0) {
   script.finalize = [mainline, tail](std::size_t n) -> std::optional<WindowPayload> {
     if (n >= tail) return std::nullopt;
     return MakeWindow(static_cast<double>(mainline + n), mainline + n);
+  };
+  return script;
+}
+
+// `script` with its ProduceNext answers passed through `change(n, window)`.
+template <typename Change>
+Script Altered(Script script, Change change) {
+  script.produce = [produce = script.produce, change](std::size_t n) {
+    return change(n, produce(n));
   };
   return script;
 }
@@ -106,19 +116,14 @@ class ScriptedProducer : public WindowProducerSession {
     script_.prepare();
   }
   bool IsExhausted() const override {
-    const std::size_t n = log_->Count(CallLog::kExhausted);
     log_->Record(CallLog::kExhausted);
-    return script_.exhausted(n);
+    return script_.exhausted();
   }
   std::optional<WindowPayload> ProduceNext() override {
-    const std::size_t n = log_->Count(CallLog::kProduce);
-    log_->Record(CallLog::kProduce);
-    return script_.produce(n);
+    return script_.produce(log_->Record(CallLog::kProduce));
   }
   std::optional<WindowPayload> Finalize() override {
-    const std::size_t n = log_->Count(CallLog::kFinalize);
-    log_->Record(CallLog::kFinalize);
-    return script_.finalize(n);
+    return script_.finalize(log_->Record(CallLog::kFinalize));
   }
 
  private:
