@@ -21,6 +21,7 @@ struct AppendableLiftedMpcWindowProducer::Impl {
   std::size_t apply_samples = 0;       // rows applied per window, 1 to lookahead_samples
   std::size_t lookahead_samples = 0;   // rows of reference in each solve request
   double sample_time_s = 0.0;          // [s] sample period, finite and positive
+  std::string sample_time_text;        // sample_time_s as "%f" text, made once: it never changes
   std::size_t global_start_index = 0;  // global index of reference sample 0
   std::size_t cursor = 0;              // first reference sample not yet applied
   bool prepared = false;               // the solver's Prepare() has returned
@@ -64,15 +65,17 @@ std::size_t CoverApplyWindow(AppendableReferenceBuffer& reference, std::size_t a
 }
 
 // The solve request: the lookahead rows of reference from the cursor on, in reference indices,
-// asking for `apply_count` rows back.
+// asking for `apply_count` rows back. Its two metadata entries go into the empty map in key order,
+// each placed at the end without a search.
 WindowSlice BuildSolveRequest(SampleMatrix lookahead, std::size_t cursor, std::size_t apply_count,
                               const std::string& padding_text) {
   WindowSlice request;
   request.start_index = cursor;
   request.stop_index = cursor + static_cast<std::size_t>(lookahead.rows());
   request.positions = std::move(lookahead);
-  request.metadata.insert_or_assign("apply_samples", std::to_string(apply_count));
-  request.metadata.insert_or_assign("terminal_padding_samples", padding_text);
+  request.metadata.emplace_hint(request.metadata.end(), "apply_samples",
+                                std::to_string(apply_count));
+  request.metadata.emplace_hint(request.metadata.end(), "terminal_padding_samples", padding_text);
   return request;
 }
 
@@ -122,7 +125,7 @@ WindowPayload AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(
   // the solver passes through.
   window.start_index = global_start_index + cursor;
   window.stop_index = window.start_index + apply_count;
-  window.metadata.insert_or_assign("sample_time_s", std::to_string(sample_time_s));
+  window.metadata.insert_or_assign("sample_time_s", sample_time_text);
   window.metadata.insert_or_assign("terminal_padding_samples", padding_text);
   return window;
 }
@@ -135,7 +138,7 @@ AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
                             lookahead_samples, sample_time_s);
   impl_ = std::make_unique<Impl>(Impl{std::move(solve_session), std::move(reference_buffer),
                                       apply_samples, lookahead_samples, sample_time_s,
-                                      global_start_index});
+                                      std::to_string(sample_time_s), global_start_index});
 }
 
 AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(

@@ -13,9 +13,11 @@
 namespace corvane::control::window::detail {
 
 // Finite: every element is neither NaN nor infinite. An empty matrix or vector is finite.
+// x - x is +0 for every finite x and NaN for NaN and both infinities, and NaN survives any sum of
+// such terms, so one vectorised sum over the storage decides it without a branch per element.
 template <typename Derived>
 bool IsFinite(const Eigen::DenseBase<Derived>& values) {
-  return values.allFinite();
+  return (values.derived().array() - values.derived().array()).sum() == 0.0;
 }
 
 // Exactly `rows` x `cols` and finite. A vector of size n has the shape (n, 1).
