@@ -22,7 +22,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   // where the benchmark was repeated).
   double NanosecondsPerIteration(const std::string& name) const {
     const Run& run = Find(name);
-    return run.real_accumulated_time * 1e9 / static_cast<double>(run.iterations);
+    return run.GetAdjustedRealTime() * 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
   }
   // A user counter of the named run (its median, where repeated), as the console shows it.
   double Counter(const std::string& name, const std::string& counter) const {
@@ -36,8 +36,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
   // The name without its "/repeats:N" part, so that a figure is found whether repeated or not.
   static std::string WithoutRepeats(std::string name) {
     const auto at = name.find("/repeats:");
-    if (at != std::string::npos) name.erase(at, name.find('/', at + 1) - at);
-    return name;
+    if (at == std::string::npos) return name;
+    const auto digits_end = name.find_first_not_of("0123456789", at + 9);
+    return name.erase(at, (digits_end == std::string::npos ? name.size() : digits_end) - at);
   }
   const Run& Find(const std::string& name) const {
     const auto median = runs_.find(name + "_median");

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 scripts/setup.sh
 
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DCORVANE_BUILD_BENCHMARKS=ON \
-  -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_EXAMPLES=OFF
+  -DCORVANE_BUILD_TESTS=OFF
 cmake --build build-bench -j "$(nproc)"
 for program in build-bench/bench/*_bench; do
   echo "=== ${program##*/}"
