@@ -2,9 +2,11 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "window/producers.hpp"
@@ -12,122 +14,88 @@
 namespace corvane::control::window {
 namespace {
 
+using Call = std::function<void()>;
+
+template <typename Error>
+testing::Matcher<Call> Throws(const std::string& message) {
+  return testing::ThrowsMessage<Error>(testing::StrEq(message));
+}
+
 // A valid window of `rows` samples starting at global index `start`, tagged with its start.
 WindowPayload MakeWindow(std::size_t start, Eigen::Index rows = 2) {
   WindowPayload window;
-  window.positions = SampleMatrix::Constant(rows, 3, static_cast<double>(start));
+  window.positions = SampleMatrix::Constant(rows, 3, double(start));
   window.velocities = SampleMatrix::Zero(rows, 3);
   window.time_s = Eigen::VectorXd::LinSpaced(rows, 0.0, 1.0);
   window.start_index = start;
-  window.stop_index = start + static_cast<std::size_t>(rows);
+  window.stop_index = start + std::size_t(rows);
   window.compute_time_s = 0.5;
   window.metadata = {{"id", std::to_string(start)}};
   return window;
 }
 
-void ExpectSameWindow(const std::optional<WindowPayload>& actual, const WindowPayload& expected) {
-  ASSERT_TRUE(actual.has_value());
-  EXPECT_EQ(actual->positions, expected.positions);
-  EXPECT_EQ(actual->velocities, expected.velocities);
-  EXPECT_EQ(actual->accelerations, expected.accelerations);
-  EXPECT_EQ(actual->time_s, expected.time_s);
-  EXPECT_EQ(actual->start_index, expected.start_index);
-  EXPECT_EQ(actual->stop_index, expected.stop_index);
-  EXPECT_EQ(actual->compute_time_s, expected.compute_time_s);
-  EXPECT_EQ(actual->metadata, expected.metadata);
+// Every field equal; the tag comes first, so arrays of different shapes are never compared.
+bool Same(const std::optional<WindowPayload>& actual, const WindowPayload& expected) {
+  const auto fields = [](const WindowPayload& w) {
+    return std::tie(w.metadata, w.start_index, w.stop_index, w.compute_time_s, w.positions,
+                    w.velocities, w.accelerations, w.time_s);
+  };
+  return actual.has_value() && fields(*actual) == fields(expected);
 }
 
-template <typename Exception>
-void ExpectThrowsWithMessage(const std::function<void()>& call, const std::string& message) {
-  try {
-    call();
-    ADD_FAILURE() << "no exception, expected: " << message;
-  } catch (const Exception& error) {
-    EXPECT_EQ(error.what(), message);
-  }
-}
-
-TEST(FiniteWindowProducerTest, ReplaysMainlineThenDrainsTailWithExactCopies) {
+// Moves, a self-move included, carry the replay position along.
+TEST(FiniteWindowProducerTest, ReplaysMainlineThenDrainsTailWithExactCopiesAcrossMoves) {
   const std::vector<WindowPayload> mainline = {MakeWindow(0), MakeWindow(2), MakeWindow(4)};
-  const std::vector<WindowPayload> tail = {MakeWindow(6), MakeWindow(8, 0)};
-  FiniteWindowProducer producer(mainline, tail);
-  producer.PrepareSession();
-
-  for (const WindowPayload& expected : mainline) {
-    EXPECT_FALSE(producer.IsExhausted());
-    ExpectSameWindow(producer.ProduceNext(), expected);
-  }
-  EXPECT_TRUE(producer.IsExhausted());
-  EXPECT_FALSE(producer.ProduceNext().has_value());
-  for (const WindowPayload& expected : tail) {
-    ExpectSameWindow(producer.Finalize(), expected);
-  }
-  EXPECT_FALSE(producer.Finalize().has_value());
-  EXPECT_FALSE(producer.Finalize().has_value());
-}
-
-TEST(FiniteWindowProducerTest, LifecycleMisuseThrowsRuntimeError) {
-  FiniteWindowProducer unprepared({}, {});
-  EXPECT_TRUE(unprepared.IsExhausted());  // needs no preparation
-  ExpectThrowsWithMessage<std::runtime_error>([&] { unprepared.ProduceNext(); },
-                                              "PrepareSession() must run before ProduceNext().");
-  // Even with nothing left to produce, the missing preparation is what gets reported.
-  ExpectThrowsWithMessage<std::runtime_error>([&] { unprepared.Finalize(); },
-                                              "PrepareSession() must run before Finalize().");
-
-  FiniteWindowProducer producing({MakeWindow(0)}, {});
-  producing.PrepareSession();
-  ExpectThrowsWithMessage<std::runtime_error>(
-      [&] { producing.Finalize(); }, "Finalize() requires an exhausted mainline sequence.");
-  ExpectThrowsWithMessage<std::runtime_error>([&] { producing.PrepareSession(); },
-                                              "FiniteWindowProducer may only be prepared once.");
-  // Neither error disturbed the replay.
-  ExpectSameWindow(producing.ProduceNext(), MakeWindow(0));
-  EXPECT_FALSE(producing.Finalize().has_value());
-}
-
-TEST(FiniteWindowProducerTest, ConstructorReportsTheFirstInvalidWindowInReplayOrder) {
-  WindowPayload negative_compute = MakeWindow(0);
-  negative_compute.compute_time_s = -1.0;
-  WindowPayload bad_range = MakeWindow(0);
-  bad_range.stop_index = 10;
-  struct Case {
-    const char* name;
-    std::vector<WindowPayload> mainline;
-    std::vector<WindowPayload> tail;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"bad tail window",
-       {MakeWindow(0)},
-       {MakeWindow(2), negative_compute},
-       "compute_time_s must be finite and non-negative."},
-      {"mainline checked before tail",
-       {MakeWindow(0), bad_range},
-       {negative_compute},
-       "The global half-open range must match the position row count."},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ExpectThrowsWithMessage<std::invalid_argument>(
-        [&] { FiniteWindowProducer producer(c.mainline, c.tail); }, c.message);
-  }
-}
-
-TEST(FiniteWindowProducerTest, MovesCarryTheReplayPosition) {
-  FiniteWindowProducer original({MakeWindow(0), MakeWindow(2)}, {MakeWindow(4)});
+  FiniteWindowProducer original(mainline, {MakeWindow(6), MakeWindow(8, 0)});
   original.PrepareSession();
-  ExpectSameWindow(original.ProduceNext(), MakeWindow(0));
-
+  EXPECT_TRUE(Same(original.ProduceNext(), mainline[0]));
   FiniteWindowProducer moved(std::move(original));
   FiniteWindowProducer& alias = moved;
   moved = std::move(alias);
-  ExpectSameWindow(moved.ProduceNext(), MakeWindow(2));
+  EXPECT_TRUE(Same(moved.ProduceNext(), mainline[1]));
+  FiniteWindowProducer producer({MakeWindow(10)}, {});
+  producer = std::move(moved);
+  EXPECT_FALSE(producer.IsExhausted());
+  EXPECT_TRUE(Same(producer.ProduceNext(), mainline[2]));
+  EXPECT_TRUE(producer.IsExhausted());
+  EXPECT_FALSE(producer.ProduceNext().has_value());
+  EXPECT_TRUE(Same(producer.Finalize(), MakeWindow(6)));
+  EXPECT_TRUE(Same(producer.Finalize(), MakeWindow(8, 0)));
+  EXPECT_FALSE(producer.Finalize().has_value());
+}
 
-  FiniteWindowProducer assigned({MakeWindow(10)}, {});
-  assigned = std::move(moved);
-  EXPECT_TRUE(assigned.IsExhausted());
-  ExpectSameWindow(assigned.Finalize(), MakeWindow(4));
+// Misuse throws without disturbing the replay; the first invalid window in replay order is
+// reported.
+TEST(FiniteWindowProducerTest, MisuseAndInvalidWindowsThrowWithExactMessages) {
+  FiniteWindowProducer empty({}, {}), unprepared({MakeWindow(0)}, {}),
+      producing({MakeWindow(0)}, {});
+  EXPECT_TRUE(empty.IsExhausted());  // needs no preparation
+  producing.PrepareSession();
+  WindowPayload negative_compute = MakeWindow(0), bad_range = MakeWindow(0);
+  negative_compute.compute_time_s = -1.0;
+  bad_range.stop_index = 10;
+  const auto construct = [](std::vector<WindowPayload> mainline, std::vector<WindowPayload> tail) {
+    return [=] { FiniteWindowProducer(mainline, tail); };
+  };
+  using std::runtime_error, std::invalid_argument;
+  const std::pair<Call, testing::Matcher<Call>> cases[] = {
+      {[&] { unprepared.ProduceNext(); },
+       Throws<runtime_error>("PrepareSession() must run before ProduceNext().")},
+      {[&] { unprepared.Finalize(); },  // the first of two faults
+       Throws<runtime_error>("PrepareSession() must run before Finalize().")},
+      {[&] { empty.Finalize(); },  // though nothing is left to produce
+       Throws<runtime_error>("PrepareSession() must run before Finalize().")},
+      {[&] { producing.Finalize(); },
+       Throws<runtime_error>("Finalize() requires an exhausted mainline sequence.")},
+      {[&] { producing.PrepareSession(); },
+       Throws<runtime_error>("FiniteWindowProducer may only be prepared once.")},
+      {construct({MakeWindow(0)}, {MakeWindow(2), negative_compute}),
+       Throws<invalid_argument>("compute_time_s must be finite and non-negative.")},
+      {construct({MakeWindow(0), bad_range}, {negative_compute}),
+       Throws<invalid_argument>("The global half-open range must match the position row count.")}};
+  for (const auto& [call, error] : cases) EXPECT_THAT(call, error);
+  EXPECT_TRUE(Same(producing.ProduceNext(), MakeWindow(0)));
+  EXPECT_FALSE(producing.Finalize().has_value());
 }
 
 }  // namespace
