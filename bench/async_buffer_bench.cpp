@@ -234,33 +234,20 @@ void BM_Qualify_Baseline(benchmark::State& state) {
   }
 }
 
-// Thread hand-offs on two cores are noisy: every figure is the median of several repetitions,
-// the buffer's and the baseline's interleaved.
+// Thread hand-offs on two cores are noisy: every figure of the threaded benchmarks is the median
+// of several repetitions.
 constexpr int kRepetitions = 5;
-BENCHMARK(BM_Throughput_Buffer)
-    ->Arg(0)
-    ->Arg(1)
-    ->ArgName("bounded")
-    ->UseRealTime()
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(BM_Throughput_Baseline)
-    ->Arg(0)
-    ->Arg(1)
-    ->ArgName("bounded")
-    ->UseRealTime()
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(BM_PopNowaitLatency_Buffer)
-    ->Iterations(1)
-    ->UseRealTime()
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
-BENCHMARK(BM_PopNowaitLatency_Baseline)
-    ->Iterations(1)
-    ->UseRealTime()
-    ->Repetitions(kRepetitions)
-    ->ReportAggregatesOnly(true);
+void ThroughputCases(benchmark::internal::Benchmark* cases) {
+  cases->Arg(0)->Arg(1)->ArgName("bounded")->UseRealTime();
+  cases->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+}
+void LatencyCases(benchmark::internal::Benchmark* cases) {
+  cases->Iterations(1)->UseRealTime()->Repetitions(kRepetitions)->ReportAggregatesOnly(true);
+}
+BENCHMARK(BM_Throughput_Buffer)->Apply(ThroughputCases);
+BENCHMARK(BM_Throughput_Baseline)->Apply(ThroughputCases);
+BENCHMARK(BM_PopNowaitLatency_Buffer)->Apply(LatencyCases);
+BENCHMARK(BM_PopNowaitLatency_Baseline)->Apply(LatencyCases);
 BENCHMARK(BM_Qualify_Buffer)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Qualify_Baseline)->Unit(benchmark::kMillisecond);
 
