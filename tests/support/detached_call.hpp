@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <memory>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
 namespace corvane::testing_support {
@@ -17,11 +19,33 @@ namespace corvane::testing_support {
 // How long a test waits for a call that should return promptly.
 inline constexpr std::chrono::seconds kHangLimit{10};
 
+// Calls `call` and returns its result; `call`, with what it captured, is gone by the end of the
+// statement that calls this.
+template <typename Call>
+decltype(auto) CallAndDrop(Call call) {
+  return call();
+}
+
 template <typename Call>
 auto StartDetached(Call call) -> std::future<decltype(call())> {
-  std::packaged_task<decltype(call())()> task(std::move(call));
-  auto result = task.get_future();
-  std::thread(std::move(task)).detach();
+  using Result = decltype(call());
+  auto promise = std::make_shared<std::promise<Result>>();
+  std::future<Result> result = promise->get_future();
+  // The call is dropped before its result is announced, so nothing that the test shares with it
+  // (a mock checked at destruction, say) outlives the test's wait.
+  std::thread([promise, call = std::move(call)]() mutable {
+    try {
+      if constexpr (std::is_void_v<Result>) {
+        CallAndDrop(std::move(call));
+        promise->set_value();
+      } else {
+        Result value = CallAndDrop(std::move(call));
+        promise->set_value(std::move(value));
+      }
+    } catch (...) {
+      promise->set_exception(std::current_exception());
+    }
+  }).detach();
   return result;
 }
 
