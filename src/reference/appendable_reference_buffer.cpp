@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "common/timed_wait.hpp"
+#include "records/record_rules.hpp"
 
 namespace corvane::control::window {
 
@@ -32,16 +33,13 @@ namespace {
 
 Eigen::Index ToIndex(std::size_t count) { return static_cast<Eigen::Index>(count); }
 
-// A block is checked whole before any of it is stored: first its shape, then every value, row
-// by row in sample order.
+// A block is checked whole before any of it is stored: first its shape, then every value.
 void CheckCommandBlock(const SampleMatrix& command) {
   if (command.cols() < 1) {
     throw std::invalid_argument("command must have at least one joint column.");
   }
-  for (Eigen::Index row = 0; row < command.rows(); ++row) {
-    if (!command.row(row).allFinite()) {
-      throw std::invalid_argument("command must be finite.");
-    }
+  if (!detail::IsFinite(command)) {
+    throw std::invalid_argument("command must be finite.");
   }
 }
 
