@@ -33,6 +33,8 @@ TEST(WindowDurationTest, FollowsTimeStampsThenSamplePeriodThenRowCount) {
       {"infinite", 50, std::nullopt, "inf", 50.0},
       {"out of range", 50, std::nullopt, "1e999", 50.0},
       {"no key", 50, std::nullopt, std::nullopt, 50.0},
+      {"same text as before", 50, std::nullopt, "1e999", 50.0},
+      {"earlier text again", 50, std::nullopt, "0.004", 50 * 0.004},
   };
   for (const Case& c : cases) {
     WindowPayload window;
