@@ -88,14 +88,18 @@ bool AsyncWindowBuffer::Join(std::optional<std::chrono::nanoseconds> timeout) {
   return true;
 }
 
+bool AsyncWindowBuffer::Impl::HasWindowOrEnd() const {
+  return !queue.empty() || producer_finished || stop_requested;
+}
+
+// A worker that keeps pace queues the next window within microseconds; looking briefly for it
+// spares both threads the sleep and the wake-up. A zero time-out only tests.
 std::optional<WindowPayload> AsyncWindowBuffer::Pop(
     std::optional<std::chrono::nanoseconds> timeout) {
   Impl& state = *impl_;
   auto lock = state.Lock();
-  const auto ready = [&state] {
-    return !state.queue.empty() || state.producer_finished || state.stop_requested;
-  };
-  if (!WaitWithTimeout(state.cv, lock, timeout, ready)) {
+  const auto time_left = state.LookBriefly(lock, &Impl::HasWindowOrEnd, timeout);
+  if (!WaitWithTimeout(state.cv, lock, time_left, [&state] { return state.HasWindowOrEnd(); })) {
     return std::nullopt;  // deadline passed: nothing to report yet
   }
 

@@ -45,8 +45,21 @@ struct AsyncWindowBuffer::Impl {
   // Returns normally in every case; a failure is stored for the consumer.
   void Run();
 
-  // Steps shared by the worker and Prefill.
+  // Takes the lock, trying for a moment before blocking (brief_lookout.cpp).
   std::unique_lock<std::mutex> Lock();
+
+  // With `lock` held: looks for `ready` for a few tens of microseconds, letting go of the lock
+  // between looks, before the caller sleeps on `cv`; never longer than `timeout` (absent: no
+  // limit). Returns the part of the time-out left for the wait that follows.
+  std::optional<std::chrono::nanoseconds> LookBriefly(
+      std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
+      std::optional<std::chrono::nanoseconds> timeout);
+
+  // The conditions that the consumer and the worker wait for; with the lock held.
+  bool HasWindowOrEnd() const;
+  bool HasRoomOrStop() const;
+
+  // Steps shared by the worker and Prefill.
   void PrepareSessionOnce();
   std::optional<WindowPayload> ProduceWindow();
   void QueueWindow(WindowPayload&& window);
@@ -57,7 +70,6 @@ struct AsyncWindowBuffer::Impl {
   void RunTailPhase();
   bool StopRequested();
   bool WaitForRoom();
-  bool HasRoom() const;
   void RecordStatistics(double charged_s, double duration_s);
   void CaptureFailure();
   void MarkFinished();

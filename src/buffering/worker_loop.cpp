@@ -13,21 +13,6 @@
 namespace corvane::control::window {
 namespace {
 
-// Spins this many times on try_lock before blocking. The buffer's lock scopes last well under a
-// microsecond, so a short spin nearly always wins the lock; a blocked caller is put to sleep and
-// its wake-up costs tens of microseconds, which a control loop calling PopNowait cannot afford.
-constexpr int kLockSpinAttempts = 200;
-
-// How long the worker keeps looking for room in a full queue before it sleeps.
-constexpr std::chrono::microseconds kRoomLookout{50};
-constexpr int kPausesBetweenRoomLooks = 16;
-
-inline void RelaxCpu() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
-}
-
 double SecondsBetween(std::chrono::steady_clock::time_point t0,
                       std::chrono::steady_clock::time_point t1) {
   const auto elapsed = std::chrono::duration_cast<std::chrono::nanoseconds>(t1 - t0);
@@ -35,14 +20,6 @@ double SecondsBetween(std::chrono::steady_clock::time_point t0,
 }
 
 }  // namespace
-
-std::unique_lock<std::mutex> AsyncWindowBuffer::Impl::Lock() {
-  for (int attempt = 0; attempt < kLockSpinAttempts; ++attempt) {
-    if (mutex.try_lock()) return std::unique_lock<std::mutex>(mutex, std::adopt_lock);
-    RelaxCpu();
-  }
-  return std::unique_lock<std::mutex>(mutex);
-}
 
 void AsyncWindowBuffer::Impl::Run() {
   try {
@@ -109,28 +86,17 @@ bool AsyncWindowBuffer::Impl::StopRequested() {
   return stop_requested;
 }
 
-bool AsyncWindowBuffer::Impl::HasRoom() const {
-  return !max_buffered_windows || queue.size() < *max_buffered_windows;
+bool AsyncWindowBuffer::Impl::HasRoomOrStop() const {
+  return stop_requested || !max_buffered_windows || queue.size() < *max_buffered_windows;
 }
 
 // Returns true when the queue has room, false when the wait ended in a stop (tested first).
-//
-// Before it sleeps, the worker looks again for a short while: a consumer that pops from a full
-// queue must wake a sleeping worker, and that wake-up is a system call on the consumer's thread,
-// which on a virtual machine can take a hundred microseconds. A control loop that keeps popping
-// makes room within that while, so the worker seldom sleeps and PopNowait seldom pays for it.
+// A consumer that keeps popping makes room within microseconds, so the worker looks briefly
+// before it sleeps, and that consumer seldom has to pay for waking it.
 bool AsyncWindowBuffer::Impl::WaitForRoom() {
-  const auto room_or_stop = [this] { return stop_requested || HasRoom(); };
   auto lock = Lock();
-  if (!room_or_stop()) {
-    const auto give_up = std::chrono::steady_clock::now() + kRoomLookout;
-    do {
-      lock.unlock();
-      for (int pause = 0; pause < kPausesBetweenRoomLooks; ++pause) RelaxCpu();
-      lock = Lock();
-    } while (!room_or_stop() && std::chrono::steady_clock::now() < give_up);
-  }
-  cv.wait(lock, room_or_stop);
+  LookBriefly(lock, &Impl::HasRoomOrStop, std::nullopt);
+  cv.wait(lock, [this] { return HasRoomOrStop(); });
   return !stop_requested;
 }
 

@@ -1,0 +1,61 @@
+// Taking the buffer's lock, and waiting for a condition, without being put to sleep when the
+// lock or the condition is only microseconds away.
+//
+// A thread that blocks on a mutex or a condition variable is put to sleep, and waking it is a
+// system call on the thread that lets it go on, followed by a wake-up that on a virtual machine
+// can take a hundred microseconds. The buffer's lock scopes last well under a microsecond, and a
+// worker and a consumer that keep pace with each other meet their conditions just as quickly,
+// so both steps first look again for a short while.
+#include <algorithm>
+#include <chrono>
+
+#include "buffering/async_window_buffer_impl.hpp"
+
+namespace corvane::control::window {
+namespace {
+
+// try_lock attempts before Lock() blocks.
+constexpr int kLockSpinAttempts = 200;
+
+// How long a condition is looked for before the thread sleeps, and the pause between two looks.
+constexpr std::chrono::nanoseconds kLookout = std::chrono::microseconds(50);
+constexpr int kPausesBetweenLooks = 16;
+
+inline void RelaxCpu() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#endif
+}
+
+}  // namespace
+
+std::unique_lock<std::mutex> AsyncWindowBuffer::Impl::Lock() {
+  for (int attempt = 0; attempt < kLockSpinAttempts; ++attempt) {
+    if (mutex.try_lock()) return std::unique_lock<std::mutex>(mutex, std::adopt_lock);
+    RelaxCpu();
+  }
+  return std::unique_lock<std::mutex>(mutex);
+}
+
+// A condition that already holds, or a zero or negative time-out, costs no clock read.
+std::optional<std::chrono::nanoseconds> AsyncWindowBuffer::Impl::LookBriefly(
+    std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
+    std::optional<std::chrono::nanoseconds> timeout) {
+  using Clock = std::chrono::steady_clock;
+  if ((this->*ready)() || (timeout && *timeout <= std::chrono::nanoseconds::zero())) {
+    return timeout;
+  }
+  const Clock::time_point begun = Clock::now();
+  const std::chrono::nanoseconds limit = timeout ? std::min(*timeout, kLookout) : kLookout;
+  Clock::duration looked{};
+  do {
+    lock.unlock();
+    for (int pause = 0; pause < kPausesBetweenLooks; ++pause) RelaxCpu();
+    lock = Lock();
+    looked = Clock::now() - begun;
+  } while (!(this->*ready)() && looked < limit);
+  if (!timeout) return std::nullopt;
+  return *timeout - std::chrono::duration_cast<std::chrono::nanoseconds>(looked);
+}
+
+}  // namespace corvane::control::window
