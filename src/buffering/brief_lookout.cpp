@@ -5,9 +5,12 @@
 // system call on the thread that lets it go on, followed by a wake-up that on a virtual machine
 // can take a hundred microseconds. The buffer's lock scopes last well under a microsecond, and a
 // worker and a consumer that keep pace with each other meet their conditions just as quickly,
-// so both steps first look again for a short while.
+// so both steps first look again for a short while. Between two looks at a condition the
+// thread yields the processor: where busy threads outnumber cores, the thread it waits for may
+// need that very core to make progress.
 #include <algorithm>
 #include <chrono>
+#include <thread>
 
 #include "buffering/async_window_buffer_impl.hpp"
 
@@ -17,9 +20,8 @@ namespace {
 // try_lock attempts before Lock() blocks.
 constexpr int kLockSpinAttempts = 200;
 
-// How long a condition is looked for before the thread sleeps, and the pause between two looks.
+// How long a condition is looked for before the thread sleeps.
 constexpr std::chrono::nanoseconds kLookout = std::chrono::microseconds(50);
-constexpr int kPausesBetweenLooks = 16;
 
 inline void RelaxCpu() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -50,7 +52,7 @@ std::optional<std::chrono::nanoseconds> AsyncWindowBuffer::Impl::LookBriefly(
   Clock::duration looked{};
   do {
     lock.unlock();
-    for (int pause = 0; pause < kPausesBetweenLooks; ++pause) RelaxCpu();
+    std::this_thread::yield();
     lock = Lock();
     looked = Clock::now() - begun;
   } while (!(this->*ready)() && looked < limit);
