@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <limits>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -31,7 +33,14 @@ struct AppendableReferenceBuffer::Impl {
 
 namespace {
 
-Eigen::Index ToIndex(std::size_t count) { return static_cast<Eigen::Index>(count); }
+// A count of rows as an Eigen index. A count beyond every index (2^63 rows or more) could never
+// be allocated; casting it would give a negative index that slips past Eigen's size checks.
+Eigen::Index ToIndex(std::size_t count) {
+  if (count > static_cast<std::size_t>(std::numeric_limits<Eigen::Index>::max())) {
+    throw std::bad_array_new_length();
+  }
+  return static_cast<Eigen::Index>(count);
+}
 
 // A block is checked whole before any of it is stored: first its shape, then every value.
 void CheckCommandBlock(const SampleMatrix& command) {

@@ -57,6 +57,10 @@ TEST(AppendableReferenceBuffer, RejectsBadCallsInOrderAndKeepsItsSamples) {
               Throws("Invalid reference window indices."));
   EXPECT_THAT(Call([&] { open->WindowWithTerminalPadding(5, 6); }),
               Throws("Requested window starts beyond available samples."));
+  // Counts past every Eigen index could never be stored: they fail as allocations do.
+  constexpr std::size_t kTop = std::numeric_limits<std::size_t>::max();
+  EXPECT_THROW(open->WindowWithTerminalPadding(0, kTop), std::bad_alloc);
+  EXPECT_THROW(open->ExtendHoldTo(kTop / 2 + 2), std::bad_alloc);
   EXPECT_EQ(open->PositionsCopy(), BufferWith(5)->PositionsCopy());
   EXPECT_EQ(done->available_samples(), 5u);
 }
