@@ -8,3 +8,9 @@ elseif(CORVANE_SANITIZE STREQUAL "address")
 elseif(NOT CORVANE_SANITIZE STREQUAL "")
   message(FATAL_ERROR "CORVANE_SANITIZE must be '', 'thread' or 'address', not '${CORVANE_SANITIZE}'")
 endif()
+
+# The fuzzers' build instruments every target for libFuzzer's coverage feedback, the library
+# included; fuzz/CMakeLists.txt links the fuzzer programs with libFuzzer itself.
+if(CORVANE_BUILD_FUZZERS)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every test: a plain build (with the benchmarks compiled, not run), then a
-# ThreadSanitizer build and an AddressSanitizer + UndefinedBehaviorSanitizer build, each in its
-# own folder. Fails when any build or test fails.
+# ThreadSanitizer build and an AddressSanitizer + UndefinedBehaviorSanitizer build, and last the
+# libFuzzer targets (clang, Address + UB sanitizers), each run for a bounded time; each build in
+# its own folder. Fails when any build or test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -23,3 +24,5 @@ run_suite() {
 run_suite build -DCORVANE_BUILD_BENCHMARKS=ON
 run_suite build-tsan -DCORVANE_SANITIZE=thread
 run_suite build-asan -DCORVANE_SANITIZE=address
+CC=clang CXX=clang++ run_suite build-fuzz -DCORVANE_BUILD_FUZZERS=ON -DCORVANE_SANITIZE=address \
+  -DCORVANE_BUILD_TESTS=OFF -DCORVANE_BUILD_EXAMPLES=OFF

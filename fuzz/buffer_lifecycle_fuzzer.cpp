@@ -1,0 +1,187 @@
+// Arbitrary lifecycles of an AsyncWindowBuffer over a scripted producer that yields windows,
+// yields nothing, yields an invalid window, runs out, returns tail windows, or throws standard and
+// non-standard exceptions. Every wait is bounded, so a hang shows as a libFuzzer time-out. The
+// windows come out in production order, none lost and none twice, and a failure comes only after
+// every queued window.
+#include <atomic>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fuzz_input.hpp"
+#include "support/scripted_producer.hpp"
+#include "window/async_buffer.hpp"
+
+namespace corvane::fuzzing {
+namespace {
+
+using namespace control::window;
+using testing::CallLog;
+
+constexpr char kScriptedFailure[] = "scripted failure";
+
+// The producer's answers, decoded from the input. Its k-th valid window holds the value k, and
+// `produced` counts the valid windows it handed out.
+std::unique_ptr<WindowProducerSession> ScriptedProducer(
+    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced) {
+  auto log = std::make_shared<CallLog>();
+  const bool prepare_fails = in.OneIn(4), finalize_fails = in.OneIn(4);
+  const std::size_t calls = in.Below(48), tail = in.Below(4);  // from 40 calls on: never exhausted
+  std::vector<std::uint8_t> answers(1 + in.Below(8));
+  for (std::uint8_t& answer : answers) answer = in.Byte();
+
+  const auto next = [produced] { return testing::MakeWindow(double((*produced)++)); };
+  testing::Script script;
+  script.prepare = [log, prepare_fails] {
+    if (prepare_fails && log->Count(CallLog::kPrepare) == 1) throw std::runtime_error("prepare");
+  };
+  script.exhausted = [log, calls] { return calls < 40 && log->Count(CallLog::kProduce) >= calls; };
+  script.produce = [answers, next](std::size_t n) -> std::optional<WindowPayload> {
+    switch (answers[n % answers.size()] % 16) {
+      case 10:
+      case 11:
+        return std::nullopt;
+      case 12:
+        return testing::MakeWindow(std::numeric_limits<double>::quiet_NaN());
+      case 13:
+        throw std::runtime_error(kScriptedFailure);
+      case 14:
+        throw 14;
+      default:
+        return next();
+    }
+  };
+  script.finalize = [tail, finalize_fails, next](std::size_t n) -> std::optional<WindowPayload> {
+    if (n < tail) return next();
+    if (finalize_fails) throw std::logic_error(kScriptedFailure);
+    return std::nullopt;
+  };
+  return std::make_unique<testing::ScriptedProducer>(log, std::move(script));
+}
+
+struct Lifecycle {
+  std::shared_ptr<std::atomic<std::size_t>> produced = std::make_shared<std::atomic<std::size_t>>();
+  std::optional<AsyncWindowBuffer> buffer;
+  std::size_t delivered = 0;
+  bool started = false;
+
+  // Pops with `pop`; returns whether the buffer is drained: empty, or failed.
+  template <typename PopCall>
+  bool Pop(PopCall pop) {
+    try {
+      const std::optional<WindowPayload> window = pop();
+      if (window && testing::ValueOf(*window) != double(delivered++)) {
+        Fail("a window came out of order, twice, or after a lost one");
+      }
+      return !window;
+    } catch (...) {
+      CheckFailure();
+      return true;
+    }
+  }
+  // Called while Pop's exception is being handled: it must be the worker's own failure, and
+  // come after every window produced.
+  void CheckFailure() const {
+    std::string text = "Unknown native window producer failure.";
+    try {
+      throw;
+    } catch (const std::exception& error) {
+      text = error.what();
+    } catch (int) {
+    }
+    if (buffer->LastError() != text) Fail("Pop threw something other than the worker's failure");
+    if (buffer->HasBufferedData() || delivered != *produced) Fail("a failure overtook a window");
+  }
+  // Expects `call` to throw a std::runtime_error with `message`.
+  template <typename Call>
+  static void ExpectRefusal(Call call, const char* message) {
+    try {
+      call();
+    } catch (const std::runtime_error& error) {
+      if (message == std::string(error.what())) return;
+    }
+    Fail(message);
+  }
+
+  void Prefill(std::size_t windows) {
+    if (started) {
+      return ExpectRefusal([&] { buffer->Prefill(windows); },
+                           "Prefill must be called before Start().");
+    }
+    try {
+      if (buffer->Prefill(windows) > windows) Fail("Prefill queued more than asked");
+    } catch (const std::exception&) {  // the producer's failures reach the caller unchanged
+    } catch (int) {
+    }
+  }
+  void Start() {
+    if (started) {
+      return ExpectRefusal([&] { buffer->Start(); },
+                           "AsyncWindowBuffer::Start() can only be called once.");
+    }
+    buffer->Start();
+    started = true;
+  }
+  void Join(std::chrono::nanoseconds timeout) {
+    if (buffer->Join(timeout) && started && buffer->IsComplete() == buffer->HasBufferedData()) {
+      Fail("a joined buffer is complete exactly when its queue is empty");
+    }
+  }
+  // The buffer moves out, is assigned over another running buffer, and moves back.
+  void Move() {
+    AsyncWindowBuffer moved(std::move(*buffer));
+    AsyncWindowBuffer running(testing::Recorded().producer);
+    running.Start();
+    running = std::move(moved);
+    *buffer = std::move(running);
+  }
+  // Once the worker has ended, every window produced comes out, then the failure if any.
+  void CloseAndDrain() {
+    buffer->Close();
+    while (!Pop([&] { return buffer->PopNowait(); })) {
+    }
+    if (delivered != *produced) Fail("a produced window was lost");
+  }
+
+  // One call chosen by the input; false once the buffer has been destroyed.
+  bool Step(FuzzInput& in) {
+    using Call = void (*)(Lifecycle&, FuzzInput&);
+    static constexpr Call kCalls[] = {
+        [](Lifecycle& run, FuzzInput& in) { run.Prefill(in.Below(8)); },
+        [](Lifecycle& run, FuzzInput&) { run.Start(); },
+        [](Lifecycle& run, FuzzInput&) { run.buffer->Stop(); },
+        [](Lifecycle& run, FuzzInput& in) {
+          run.Pop([&] { return run.buffer->Pop(in.ShortTimeout()); });
+        },
+        [](Lifecycle& run, FuzzInput&) { run.Pop([&] { return run.buffer->PopNowait(); }); },
+        [](Lifecycle& run, FuzzInput& in) { run.Join(in.ShortTimeout()); },
+        [](Lifecycle& run, FuzzInput&) { run.buffer->Close(); },
+        [](Lifecycle& run, FuzzInput&) { run.Move(); },
+        [](Lifecycle& run, FuzzInput&) {  // the history counts only windows handed out
+          if (run.buffer->Qualify(1.0).total_windows > *run.produced) Fail("history too long");
+        },
+    };
+    const std::size_t call = in.Below(std::size(kCalls) + 1);
+    if (call == std::size(kCalls)) return buffer.reset(), false;
+    kCalls[call](*this, in);
+    return true;
+  }
+};
+
+}  // namespace
+
+// A buffer with the input's capacity, prefill count and producer, then the input's calls until
+// it runs out or destroys the buffer; a buffer left is closed and drained.
+void RunInput(FuzzInput& in) {
+  Lifecycle run;
+  const std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
+  run.buffer.emplace(ScriptedProducer(in, run.produced), in.Below((limit ? limit : 4) + 1),
+                     limit ? std::optional<std::size_t>(limit) : std::nullopt);
+  while (!in.Empty()) {
+    if (!run.Step(in)) return;
+  }
+  run.CloseAndDrain();
+}
+
+}  // namespace corvane::fuzzing
