@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs every test: a plain build (with the benchmarks compiled, not run), then a
-# ThreadSanitizer build and an AddressSanitizer + UndefinedBehaviorSanitizer build, and last the
-# libFuzzer targets (clang, Address + UB sanitizers), each run for a bounded time; each build in
-# its own folder. Fails when any build or test fails.
+# Builds and runs every test: a plain build (the benchmarks compiled, not run; the Python module
+# and its tests), a ThreadSanitizer build, an AddressSanitizer + UndefinedBehaviorSanitizer
+# build, and last the libFuzzer targets (clang, Address + UB sanitizers), each run for a bounded
+# time. Each build has its own folder. Fails when any build or test fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -21,7 +21,7 @@ run_suite() {
   ctest --test-dir "$dir" --output-on-failure -j "$jobs"
 }
 
-run_suite build -DCORVANE_BUILD_BENCHMARKS=ON
+run_suite build -DCORVANE_BUILD_BENCHMARKS=ON -DCORVANE_BUILD_PYTHON=ON
 run_suite build-tsan -DCORVANE_SANITIZE=thread
 run_suite build-asan -DCORVANE_SANITIZE=address
 CC=clang CXX=clang++ run_suite build-fuzz -DCORVANE_BUILD_FUZZERS=ON -DCORVANE_SANITIZE=address \

@@ -1,0 +1,30 @@
+// Shared declarations of the corvane_window Python module: one Bind function per family of the
+// library's API, called in order by the module's entry point.
+#pragma once
+
+// Every source sees the same type casters: numpy arrays for Eigen matrices, and the standard
+// containers (optional, vector, map).
+#include <pybind11/eigen.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+namespace corvane::control::window {}
+
+namespace corvane::python {
+
+namespace py = pybind11;
+namespace cw = control::window;
+
+// InvalidArgumentError and the translation of exceptions raised by Python code that the library
+// called.
+void BindErrors(py::module_& module);
+// The six records, the validators, AppendedRange and ReferenceWindow.
+void BindRecords(py::module_& module);
+// AppendableReferenceBuffer.
+void BindReferenceBuffer(py::module_& module);
+// The producer interfaces (subclassable in Python) and the three producers.
+void BindProducers(py::module_& module);
+// QualificationReport, AsyncWindowBuffer and AppendableWindowBuffer.
+void BindBuffers(py::module_& module);
+
+}  // namespace corvane::python
