@@ -98,8 +98,7 @@ std::optional<WindowPayload> AsyncWindowBuffer::Pop(
     std::optional<std::chrono::nanoseconds> timeout) {
   Impl& state = *impl_;
   auto lock = state.Lock();
-  const auto time_left = state.LookBriefly(lock, &Impl::HasWindowOrEnd, timeout);
-  if (!WaitWithTimeout(state.cv, lock, time_left, [&state] { return state.HasWindowOrEnd(); })) {
+  if (!state.Await(lock, &Impl::HasWindowOrEnd, timeout)) {
     return std::nullopt;  // deadline passed: nothing to report yet
   }
 

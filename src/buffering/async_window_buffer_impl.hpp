@@ -48,12 +48,11 @@ struct AsyncWindowBuffer::Impl {
   // Takes the lock, trying for a moment before blocking (brief_lookout.cpp).
   std::unique_lock<std::mutex> Lock();
 
-  // With `lock` held: looks for `ready` for a few tens of microseconds, letting go of the lock
-  // between looks, before the caller sleeps on `cv`; never longer than `timeout` (absent: no
-  // limit). Returns the part of the time-out left for the wait that follows.
-  std::optional<std::chrono::nanoseconds> LookBriefly(
-      std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
-      std::optional<std::chrono::nanoseconds> timeout);
+  // With `lock` held: waits until `ready` holds or `timeout` (absent: no limit) passes, and
+  // returns whether it holds. Before sleeping on `cv` it looks for `ready` for a few tens of
+  // microseconds, letting go of the lock between looks (brief_lookout.cpp).
+  bool Await(std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
+             std::optional<std::chrono::nanoseconds> timeout);
 
   // The conditions that the consumer and the worker wait for; with the lock held.
   bool HasWindowOrEnd() const;

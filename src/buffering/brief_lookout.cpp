@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "buffering/async_window_buffer_impl.hpp"
+#include "common/timed_wait.hpp"
 
 namespace corvane::control::window {
 namespace {
@@ -39,13 +40,14 @@ std::unique_lock<std::mutex> AsyncWindowBuffer::Impl::Lock() {
   return std::unique_lock<std::mutex>(mutex);
 }
 
-// A condition that already holds, or a zero or negative time-out, costs no clock read.
-std::optional<std::chrono::nanoseconds> AsyncWindowBuffer::Impl::LookBriefly(
-    std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
-    std::optional<std::chrono::nanoseconds> timeout) {
+// A condition that already holds, or a zero or negative time-out, costs no clock read and no
+// look. The looks count against the time-out: the sleep that follows gets only what is left.
+bool AsyncWindowBuffer::Impl::Await(std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
+                                    std::optional<std::chrono::nanoseconds> timeout) {
   using Clock = std::chrono::steady_clock;
-  if ((this->*ready)() || (timeout && *timeout <= std::chrono::nanoseconds::zero())) {
-    return timeout;
+  const auto holds = [this, ready] { return (this->*ready)(); };
+  if (holds() || (timeout && *timeout <= std::chrono::nanoseconds::zero())) {
+    return WaitWithTimeout(cv, lock, timeout, holds);
   }
   const Clock::time_point begun = Clock::now();
   const std::chrono::nanoseconds limit = timeout ? std::min(*timeout, kLookout) : kLookout;
@@ -55,9 +57,9 @@ std::optional<std::chrono::nanoseconds> AsyncWindowBuffer::Impl::LookBriefly(
     std::this_thread::yield();
     lock = Lock();
     looked = Clock::now() - begun;
-  } while (!(this->*ready)() && looked < limit);
-  if (!timeout) return std::nullopt;
-  return *timeout - std::chrono::duration_cast<std::chrono::nanoseconds>(looked);
+  } while (!holds() && looked < limit);
+  if (timeout) *timeout -= std::chrono::duration_cast<std::chrono::nanoseconds>(looked);
+  return WaitWithTimeout(cv, lock, timeout, holds);
 }
 
 }  // namespace corvane::control::window

@@ -95,8 +95,7 @@ bool AsyncWindowBuffer::Impl::HasRoomOrStop() const {
 // before it sleeps, and that consumer seldom has to pay for waking it.
 bool AsyncWindowBuffer::Impl::WaitForRoom() {
   auto lock = Lock();
-  LookBriefly(lock, &Impl::HasRoomOrStop, std::nullopt);
-  cv.wait(lock, [this] { return HasRoomOrStop(); });
+  Await(lock, &Impl::HasRoomOrStop, std::nullopt);
   return !stop_requested;
 }
 
