@@ -49,9 +49,8 @@ BENCHMARK(BM_Solve_Baseline)->Repetitions(5)->ReportAggregatesOnly(true);
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
   corvane::bench::RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
+  corvane::bench::RunInterleaved(argc, argv, reporter);
   if (reporter.Has("BM_Solve") && reporter.Has("BM_Solve_Baseline")) {
     const double solve_ns = reporter.NanosecondsPerIteration("BM_Solve");
     std::printf("\nOne solve: %.2f us\n", solve_ns / 1e3);

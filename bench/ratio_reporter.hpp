@@ -45,10 +45,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
     return median != runs_.end() ? median->second : runs_.at(name);
   }
 
- public:
- private:
   std::map<std::string, Run> runs_;
 };
+
+// Runs the registered benchmarks into `reporter` with their repetitions interleaved at random, so
+// that a slow spell of the machine falls on a figure and on its baseline alike instead of on
+// whichever happened to run then. The command line may still turn interleaving off.
+inline void RunInterleaved(int argc, char** argv, RatioReporter& reporter) {
+  std::vector<char*> args(argv, argv + argc);
+  static char interleave[] = "--benchmark_enable_random_interleaving=true";
+  args.insert(args.begin() + 1, interleave);  // flags given later override this one
+  int count = static_cast<int>(args.size());
+  args.push_back(nullptr);  // argv[argc], as main received it
+  benchmark::Initialize(&count, args.data());
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+}
 
 // Prints "label: value (target)" with the verdict, for the summary after the runs.
 inline void PrintRatio(const char* label, double ratio, const char* target, bool met) {
