@@ -49,7 +49,8 @@ BufferHolder<Buffer> MakeBuffer(Args&&... args) {
   return buffer;
 }
 
-// The exit handler: closes every live buffer, holding its Python object meanwhile.
+// The exit handler: closes every live buffer, holding its Python object meanwhile. The buffers
+// are listed first because the set may change once the GIL is released.
 void CloseLiveBuffers() {
   std::vector<py::object> held;
   for (cw::AsyncWindowBuffer* buffer : LiveBuffers()) {
