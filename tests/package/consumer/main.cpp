@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 #include <window/async_buffer.hpp>
+#include <window/version.hpp>
 
 namespace cw = corvane::control::window;
 
@@ -23,7 +24,8 @@ int main() {
     cw::ValidateTaskSpaceShapedTrajectory(cw::TaskSpaceShapedTrajectory{});
     return 1;
   } catch (const corvane::native::Error& error) {
-    std::printf("consumer: %zu windows popped; caught \"%s\"\n", popped, error.what());
+    std::printf("consumer of %s: %zu windows popped; caught \"%s\"\n",
+                CORVANE_SHAPER_WINDOW_VERSION_STRING, popped, error.what());
   }
   return popped == 2 ? 0 : 1;
 }
