@@ -45,6 +45,7 @@ class CORVANE_EXPORT Error : public std::runtime_error {
 // A bad argument, reported with ErrorCode::InvalidArgument and no context.
 class CORVANE_EXPORT InvalidArgumentError : public Error {
  public:
+  // An Error with code InvalidArgument, the given message and detail, and no context.
   InvalidArgumentError(std::string message, std::optional<std::string> detail)
       : Error(ErrorCode::InvalidArgument, std::move(message), std::move(detail), std::nullopt) {}
 };

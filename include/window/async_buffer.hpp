@@ -102,7 +102,9 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
                          std::shared_ptr<AppendableReferenceBuffer> reference_buffer,
                          std::size_t prefill_windows = 0,
                          std::optional<std::size_t> max_buffered_windows = std::nullopt);
+  // Takes the other buffer's state, its worker and reference share included.
   AppendableWindowBuffer(AppendableWindowBuffer&& other) noexcept;
+  // Finishes this buffer's reference, stops and joins its worker, then takes the other's state.
   AppendableWindowBuffer& operator=(AppendableWindowBuffer&& other) noexcept;
   AppendableWindowBuffer(const AppendableWindowBuffer&) = delete;
   AppendableWindowBuffer& operator=(const AppendableWindowBuffer&) = delete;
