@@ -3,10 +3,13 @@
 #   target_link_libraries(app PRIVATE corvane::shaper_window)
 # and builds a Debian package of the same files with `cpack -G DEB` in the build folder.
 #
-# A companion library joins the package from its own folder with
+# A companion library joins the package from its own folder with one line,
 #   install(TARGETS <target> EXPORT corvane_shaper_window_targets)
-# provided it links corvane::shaper_window (whose include folder it then shares) and keeps its
-# public headers under include/, which is installed whole.
+# which installs it beside the core libraries, with their run path. Its source include folder
+# must be a $<BUILD_INTERFACE:...>; linking corvane::shaper_window gives it the installed include
+# folder. Headers under the top-level include/ are installed with the core ones; headers kept
+# in the companion's folder take one install(DIRECTORY ... DESTINATION
+# ${CORVANE_INSTALL_INCLUDEDIR}) more.
 include(CMakePackageConfigHelpers)
 
 # colcon reads the version from package.xml; it must be project(VERSION), the one version.
