@@ -6,16 +6,18 @@
 #include <utility>
 #include <vector>
 
+#include <corvane_shaper_engines/input_shaper.hpp>
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
+#include <corvane_shaper_engines/shaper_designs.hpp>
 #include <window/producers.hpp>
 #include <window/reference_buffer.hpp>
 
 #include "demo/reference_planner.hpp"
-#include "engines/input_shaper.hpp"
-#include "engines/lifted_mpc_solver.hpp"
 
 namespace corvane::demo {
 
 namespace cw = control::window;
+namespace engines = control::engines;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -23,7 +25,7 @@ namespace {
 constexpr std::size_t kPrefillWindows = 2;
 constexpr std::size_t kQueueWindows = 4;
 // The arm's first vibration mode, which the shaper cancels.
-constexpr examples::VibrationMode kArmMode{6.0, 0.05};
+constexpr engines::VibrationMode kArmMode{6.0, 0.05};
 
 // Plays a started buffer from `start` on and judges how its production kept up.
 DemoRun Play(cw::AsyncWindowBuffer& buffer, const DemoOptions& options, Clock::time_point start) {
@@ -39,7 +41,7 @@ DemoRun RunMpc(const DemoOptions& options, const cw::SampleMatrix& reference) {
   auto stored =
       std::make_shared<cw::AppendableReferenceBuffer>(static_cast<std::size_t>(options.joints));
   auto producer = std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
-      std::make_unique<examples::LiftedMpcSolver>(h, options.lookahead_samples), stored,
+      std::make_unique<engines::LiftedMpcSolver>(h, options.lookahead_samples), stored,
       static_cast<std::size_t>(options.apply_samples),
       static_cast<std::size_t>(options.lookahead_samples), h, 0);
   cw::AppendableWindowBuffer buffer(std::move(producer), stored, kPrefillWindows, kQueueWindows);
@@ -68,8 +70,8 @@ cw::SampleMatrix HeldTo(const cw::SampleMatrix& reference, Eigen::Index rows) {
 
 // The input shaper smooths the whole reference, which lengthens it by the shaper's duration.
 DemoRun RunShaper(const DemoOptions& options, const cw::SampleMatrix& reference) {
-  auto shaper = std::make_unique<examples::InputShaper>(
-      reference, options.sample_time_s(), examples::ZvdShaper(kArmMode), options.apply_samples);
+  auto shaper = std::make_unique<engines::InputShaper>(
+      reference, options.sample_time_s(), engines::ZvdShaper(kArmMode), options.apply_samples);
   cw::AsyncWindowBuffer buffer(std::make_unique<cw::ShaperWindowProducer>(std::move(shaper)),
                                kPrefillWindows, kQueueWindows);
   buffer.Start();
