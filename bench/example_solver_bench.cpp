@@ -7,7 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "engines/lifted_mpc_solver.hpp"
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 #include "ratio_reporter.hpp"
 
 namespace cw = corvane::control::window;
@@ -27,7 +27,7 @@ cw::WindowSlice Request() {
 }
 
 void BM_Solve(benchmark::State& state) {
-  corvane::examples::LiftedMpcSolver solver(0.001, kLookahead);
+  corvane::control::engines::LiftedMpcSolver solver(0.001, kLookahead);
   solver.Prepare();
   const cw::WindowSlice request = Request();
   for (auto _ : state) benchmark::DoNotOptimize(solver.Solve(request));

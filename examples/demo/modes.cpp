@@ -6,16 +6,19 @@
 #include <utility>
 #include <vector>
 
+#include <corvane_shaper_engines/input_shaper.hpp>
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
+#include <corvane_shaper_engines/shaper_designs.hpp>
+#include <corvane_shaper_engines/shaping_solve_session.hpp>
 #include <window/producers.hpp>
 #include <window/reference_buffer.hpp>
 
 #include "demo/reference_planner.hpp"
-#include "engines/input_shaper.hpp"
-#include "engines/lifted_mpc_solver.hpp"
 
 namespace corvane::demo {
 
 namespace cw = control::window;
+namespace engines = control::engines;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -23,7 +26,7 @@ namespace {
 constexpr std::size_t kPrefillWindows = 2;
 constexpr std::size_t kQueueWindows = 4;
 // The arm's first vibration mode, which the shaper cancels.
-constexpr examples::VibrationMode kArmMode{6.0, 0.05};
+constexpr engines::VibrationMode kArmMode{6.0, 0.05};
 
 // Plays a started buffer from `start` on and judges how its production kept up.
 DemoRun Play(cw::AsyncWindowBuffer& buffer, const DemoOptions& options, Clock::time_point start) {
@@ -33,14 +36,30 @@ DemoRun Play(cw::AsyncWindowBuffer& buffer, const DemoOptions& options, Clock::t
   return run;
 }
 
-// The lifted-MPC solver follows the reference while a planner thread is still streaming it.
-DemoRun RunMpc(const DemoOptions& options, const cw::SampleMatrix& reference) {
+// The reference, held at its last sample until it is `rows` long.
+cw::SampleMatrix HeldTo(const cw::SampleMatrix& reference, Eigen::Index rows) {
+  cw::SampleMatrix held(rows, reference.cols());
+  held.topRows(reference.rows()) = reference;
+  held.bottomRows(rows - reference.rows()).rowwise() = reference.row(reference.rows() - 1);
+  return held;
+}
+
+// The lifted-MPC solver follows the reference while a planner thread is still streaming it. With
+// --shape an EI shaper stage in front of the solver shapes the reference as it streams; the
+// planner then holds the last pose for the shaper's duration, so the shaped motion settles.
+DemoRun RunMpc(const DemoOptions& options, cw::SampleMatrix reference) {
   const double h = options.sample_time_s();
+  const engines::ImpulseSequence shaper = engines::EiShaper(kArmMode);
+  std::unique_ptr<cw::LiftedMpcSolveSession> solver =
+      std::make_unique<engines::LiftedMpcSolver>(h, options.lookahead_samples);
+  if (options.shape) {
+    solver = std::make_unique<engines::ShapingSolveSession>(std::move(solver), shaper, h);
+    reference = HeldTo(reference, reference.rows() + engines::ShaperSamples(shaper, h));
+  }
   auto stored =
       std::make_shared<cw::AppendableReferenceBuffer>(static_cast<std::size_t>(options.joints));
   auto producer = std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
-      std::make_unique<examples::LiftedMpcSolver>(h, options.lookahead_samples), stored,
-      static_cast<std::size_t>(options.apply_samples),
+      std::move(solver), stored, static_cast<std::size_t>(options.apply_samples),
       static_cast<std::size_t>(options.lookahead_samples), h, 0);
   cw::AppendableWindowBuffer buffer(std::move(producer), stored, kPrefillWindows, kQueueWindows);
   const Clock::time_point start = Clock::now();
@@ -55,21 +74,14 @@ DemoRun RunMpc(const DemoOptions& options, const cw::SampleMatrix& reference) {
   run.reference = buffer.ReferencePositions();
   run.hold_samples =
       buffer.AvailableReferenceSamples() - static_cast<std::size_t>(reference.rows());
+  if (options.shape) run.shaped_reference = engines::ShapeSamples(run.reference, h, shaper);
   return run;
-}
-
-// The reference, held at its last sample until it is `rows` long.
-cw::SampleMatrix HeldTo(const cw::SampleMatrix& reference, Eigen::Index rows) {
-  cw::SampleMatrix held(rows, reference.cols());
-  held.topRows(reference.rows()) = reference;
-  held.bottomRows(rows - reference.rows()).rowwise() = reference.row(reference.rows() - 1);
-  return held;
 }
 
 // The input shaper smooths the whole reference, which lengthens it by the shaper's duration.
 DemoRun RunShaper(const DemoOptions& options, const cw::SampleMatrix& reference) {
-  auto shaper = std::make_unique<examples::InputShaper>(
-      reference, options.sample_time_s(), examples::ZvdShaper(kArmMode), options.apply_samples);
+  auto shaper = std::make_unique<engines::InputShaper>(
+      reference, options.sample_time_s(), engines::ZvdShaper(kArmMode), options.apply_samples);
   cw::AsyncWindowBuffer buffer(std::make_unique<cw::ShaperWindowProducer>(std::move(shaper)),
                                kPrefillWindows, kQueueWindows);
   buffer.Start();

@@ -21,9 +21,10 @@
 #include <optional>
 
 #include <Eigen/Core>
+#include <native/export.hpp>
 #include <window/producers.hpp>
 
-namespace corvane::examples {
+namespace corvane::control::engines {
 
 // Weights of the controller's cost, next to a weight of 1 on each squared tracking error in rad.
 struct LiftedMpcWeights {
@@ -31,7 +32,7 @@ struct LiftedMpcWeights {
   double acceleration_change_s4 = 1e-8;  // [s^4] on each squared change of acceleration
 };
 
-class LiftedMpcSolver final : public control::window::LiftedMpcSolveSession {
+class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSolveSession {
  public:
   // sample_time_s: [s] the period of the request rows, finite and positive.
   // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
@@ -79,4 +80,4 @@ class LiftedMpcSolver final : public control::window::LiftedMpcSolveSession {
   std::optional<JointState> state_;
 };
 
-}  // namespace corvane::examples
+}  // namespace corvane::control::engines

@@ -1,4 +1,4 @@
-#include "engines/lifted_mpc_solver.hpp"
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 
 #include <algorithm>
 #include <cstddef>
@@ -10,7 +10,7 @@
 namespace {
 
 namespace cw = corvane::control::window;
-using corvane::examples::LiftedMpcSolver;
+using corvane::control::engines::LiftedMpcSolver;
 
 constexpr double kSampleTimeS = 0.001;
 constexpr Eigen::Index kApply = 10;

@@ -1,35 +1,17 @@
-#include "engines/lifted_mpc_solver.hpp"
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
 #include <stdexcept>
-#include <string>
-#include <system_error>
 
 #include <Eigen/Cholesky>
 
-namespace corvane::examples {
+#include "apply_samples.hpp"
+
+namespace corvane::control::engines {
 
 namespace cw = control::window;
-
-namespace {
-
-// The request's "apply_samples": a decimal count from 1 to the request's row count.
-Eigen::Index ApplySamples(const cw::WindowSlice& request) {
-  const auto entry = request.metadata.find("apply_samples");
-  const std::string text = entry == request.metadata.end() ? std::string() : entry->second;
-  std::size_t count = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  if (error != std::errc() || end != text.data() + text.size()) count = 0;
-  if (count == 0 || count > static_cast<std::size_t>(request.positions.rows())) {
-    throw std::invalid_argument("apply_samples must be a count from 1 to the request rows.");
-  }
-  return static_cast<Eigen::Index>(count);
-}
-
-}  // namespace
 
 LiftedMpcSolver::LiftedMpcSolver(double sample_time_s, Eigen::Index horizon_samples,
                                  LiftedMpcWeights weights)
@@ -132,4 +114,4 @@ cw::WindowPayload LiftedMpcSolver::Apply(const Eigen::MatrixXd& accelerations) {
   return payload;
 }
 
-}  // namespace corvane::examples
+}  // namespace corvane::control::engines

@@ -1,46 +1,23 @@
 // Input shaping of a precomputed joint trajectory, handed out as fixed-length windows.
-//
-// An input shaper is a short sequence of impulses. Convolving a command with it, that is
-// summing time-shifted, scaled copies of the command, cancels the residual vibration of a
-// lightly damped mode of the machine; the shaped motion lasts longer by the time of the last
-// impulse.
 #pragma once
 
 #include <cstddef>
 #include <optional>
-#include <vector>
 
 #include <Eigen/Core>
+#include <native/export.hpp>
 #include <window/producers.hpp>
 #include <window/records.hpp>
 
-namespace corvane::examples {
+#include "corvane_shaper_engines/impulse_sequence.hpp"
 
-// The vibration mode that a shaper is designed for.
-struct VibrationMode {
-  double natural_frequency_hz = 0.0;  // [Hz] undamped natural frequency, finite and positive
-  double damping_ratio = 0.0;         // from 0 (undamped) up to, not including, 1
-};
-
-// Shaped command: sum over i of amplitudes[i] * command(t - times_s[i]).
-struct ImpulseSequence {
-  std::vector<double> amplitudes;  // positive, summing to 1
-  std::vector<double> times_s;     // [s] non-decreasing, the first 0
-};
-
-// Zero-vibration shaper: two impulses; no residual vibration at the design mode.
-ImpulseSequence ZvShaper(const VibrationMode& mode);
-// Zero-vibration-and-derivative shaper: three impulses; also flat against frequency errors.
-ImpulseSequence ZvdShaper(const VibrationMode& mode);
-// Extra-insensitive shaper: three impulses that allow the fraction tolerable_vibration (0 to 1)
-// of residual vibration at the design mode, in exchange for a wider band of suppression.
-ImpulseSequence EiShaper(const VibrationMode& mode, double tolerable_vibration);
+namespace corvane::control::engines {
 
 // Shapes a trajectory with an impulse sequence and hands it out window by window. Before its
 // first sample the trajectory is taken to rest on that sample, after its last on the last one;
 // positions between samples are interpolated linearly. Windows are shaped when asked for, so
 // each carries its own compute time.
-class InputShaper final : public control::window::TrajectoryWindowHandle {
+class CORVANE_EXPORT InputShaper final : public control::window::TrajectoryWindowHandle {
  public:
   // trajectory: [samples, joints] positions at sample_time_s [s] apart; window_samples: rows per
   // window (the last one may be shorter). Throws std::invalid_argument for an empty trajectory,
@@ -64,11 +41,6 @@ class InputShaper final : public control::window::TrajectoryWindowHandle {
   Eigen::Index shaped_samples() const { return shaped_samples_; }
 
  private:
-  // Shaped positions of the samples first, first + 1, ..., any of which may lie outside the
-  // shaped motion.
-  control::window::SampleMatrix ShapedPositions(Eigen::Index first, Eigen::Index rows) const;
-  // The trajectory at a fractional sample index.
-  Eigen::RowVectorXd TrajectoryAt(double sample) const;
   // Shapes the window of `rows` samples that starts at sample `first`.
   control::window::ShapedTrajectoryWindow ShapeWindow(Eigen::Index first, Eigen::Index rows) const;
 
@@ -81,4 +53,4 @@ class InputShaper final : public control::window::TrajectoryWindowHandle {
   bool ended_ = false;
 };
 
-}  // namespace corvane::examples
+}  // namespace corvane::control::engines

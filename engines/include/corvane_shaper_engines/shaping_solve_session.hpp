@@ -1,0 +1,66 @@
+// Online shaping of a streamed reference, in front of a lifted-MPC solver.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include <native/export.hpp>
+#include <window/producers.hpp>
+#include <window/records.hpp>
+
+#include "corvane_shaper_engines/impulse_sequence.hpp"
+
+namespace corvane::control::engines {
+
+// A solver session that shapes each request's reference with an input shaper before handing it
+// to the solver it wraps. The shaping is causal and keeps the reference history it needs across
+// requests, so a shaper longer than a window is no trouble: the first "apply_samples" rows of
+// each solved request become history, and the next request must start where they end (or, after
+// a failed window, where that request started). Held samples are shaped like any other. When no
+// reference comes late, the applied rows of the shaped stream equal ShapeSamples() of the whole
+// stored reference; when some does, they equal ShapeSamples() of the stored reference with its
+// held samples. To let the shaped motion come to rest, append ShaperSamples() copies of the last
+// sample before finishing the reference.
+class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedMpcSolveSession {
+ public:
+  // solver: the session that receives the shaped requests, never null. shaper: a valid impulse
+  // sequence. sample_time_s: [s] the period of the request rows, finite and positive.
+  // Throws std::invalid_argument naming the argument at fault.
+  ShapingSolveSession(std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
+                      ImpulseSequence shaper, double sample_time_s);
+
+  // Forgets the history, so that the next request starts the reference at its first row, and
+  // prepares the wrapped solver.
+  void Prepare() override;
+  // Shapes the request's positions and solves the shaped request (the request's range and
+  // metadata, no velocities or accelerations) with the wrapped solver, whose answer comes back
+  // unchanged. Throws std::invalid_argument when "apply_samples" is not a count from 1 to the
+  // request rows, when the request does not start where the history ends (or where the previous
+  // request started), or when the joint count changes. The wrapped solver's exceptions pass
+  // through, and a failed solve keeps no history.
+  control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
+  // Finalizes the wrapped solver.
+  void Finalize() override;
+
+ private:
+  // Throws unless the request continues the history (see Solve).
+  void CheckContinues(const control::window::WindowSlice& request) const;
+  // The request's positions shaped, reading the history before them.
+  control::window::SampleMatrix ShapedPositions(const control::window::WindowSlice& request) const;
+  // Makes the request's applied rows history, keeping what the next request may read.
+  void Remember(const control::window::WindowSlice& request, Eigen::Index apply);
+  // Reference rows that the shaper reads before a row.
+  std::size_t history_rows() const { return static_cast<std::size_t>(history_rows_); }
+
+  std::unique_ptr<control::window::LiftedMpcSolveSession> solver_;
+  ImpulseSequence shaper_;
+  double sample_time_s_;
+  Eigen::Index history_rows_ = 0;
+  bool started_ = false;                   // a request has been solved since Prepare()
+  control::window::SampleMatrix history_;  // reference rows [history_start_, history_stop_)
+  std::size_t history_start_ = 0;          // reference index of history_'s first row
+  std::size_t history_stop_ = 0;           // one past the last applied row
+  std::size_t previous_start_ = 0;         // start of the last solved request
+};
+
+}  // namespace corvane::control::engines
