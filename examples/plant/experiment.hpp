@@ -21,11 +21,12 @@ struct ArmMode {
   control::engines::VibrationMode linearised;  // eigenvalues of the linearised arm
 };
 
-// How one move went.
+// How one move went. Tracking error is joint angle minus servo target, over all joints, from the
+// move's start to the next move's (or the end of the run).
 struct MoveReport {
-  double tracking_rms_rad = 0.0;  // [rad] joint angle minus servo target, all joints, from the
-  double tracking_max_rad = 0.0;  // [rad] move's start to the next move's (or the end)
-  double residual_rad = 0.0;      // [rad] payload vibration fitted at the start of the span below
+  double tracking_rms_rad = 0.0;  // [rad] root mean square of the tracking error
+  double tracking_max_rad = 0.0;  // [rad] largest tracking error
+  double residual_rad = 0.0;      // [rad] payload vibration fitted at the start of residual_span
   SampleSpan residual_span;       // where the vibration is fitted: the same for every shaper
 };
 
