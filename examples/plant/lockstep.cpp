@@ -36,7 +36,7 @@ class BlockPlanner {
     while (next_ < plan_.size()) {
       const PlannedBlock& block = plan_[next_];
       if (block.late_windows > 0 && rows_ > 0) {
-        if (rows_ >= reach) return;  // not needed yet
+        if (rows_ >= reach) return;  // the worker has not run out yet
         if (!late_due_) late_due_ = popped + block.late_windows;
         if (popped < *late_due_) return;
         RecordHoldUpTo(reach);
