@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -43,22 +44,23 @@ void CheckRecording(const Eigen::VectorXd& samples, double sample_rate_hz) {
   }
 }
 
-// The two poles of the linear prediction x[n] = c1 x[n-1] + c2 x[n-2] + c0, fitted by least
-// squares, give the start: poles r exp(+-i theta) per sample.
-DampedSine LinearPrediction(const Eigen::VectorXd& x, double sample_rate_hz) {
-  const Eigen::Index rows = x.size() - 2;
-  Eigen::MatrixXd regressors(rows, 3);
-  regressors.col(0) = x.segment(1, rows);
-  regressors.col(1) = x.head(rows);
-  regressors.col(2).setOnes();
-  const Eigen::Vector3d c = regressors.colPivHouseholderQr().solve(x.tail(rows));
-  const double radius_squared = -c(1);
-  const double cosine = radius_squared > 0.0 ? c(0) / (2.0 * std::sqrt(radius_squared)) : 2.0;
-  if (!(std::abs(cosine) < 1.0)) {
-    throw std::invalid_argument("The ringing recording holds no ringing: it does not oscillate.");
+// [rad/s] the frequency of the strongest spectral line of the samples less their mean: the
+// discrete-time Fourier transform scanned at a quarter of the bin spacing.
+double SpectralPeak(const Eigen::VectorXd& x, double sample_rate_hz) {
+  const Eigen::VectorXd centred = x.array() - x.mean();
+  const Eigen::Index n = x.size();
+  double best_power = -1.0, best = 0.0;
+  for (Eigen::Index line = 1; line < 2 * n; ++line) {
+    const double w = kPi * static_cast<double>(line) / static_cast<double>(2 * n);  // [rad/sample]
+    const std::complex<double> turn = std::polar(1.0, -w);
+    std::complex<double> phasor = 1.0, sum = 0.0;
+    for (Eigen::Index k = 0; k < n; ++k, phasor *= turn) sum += centred(k) * phasor;
+    if (std::norm(sum) > best_power) {
+      best_power = std::norm(sum);
+      best = w;
+    }
   }
-  return {-0.5 * std::log(radius_squared) * sample_rate_hz, std::acos(cosine) * sample_rate_hz, 0.0,
-          0.0, 0.0};
+  return best * sample_rate_hz;
 }
 
 // Columns exp(-decay t) cos(w t), exp(-decay t) sin(w t), 1 of the model at times t.
@@ -81,6 +83,20 @@ void FitLinear(DampedSine& sine, const Eigen::VectorXd& t, const Eigen::VectorXd
 
 Eigen::VectorXd Misfit(const DampedSine& sine, const Eigen::VectorXd& t, const Eigen::VectorXd& x) {
   return LinearBasis(sine, t) * Eigen::Vector3d(sine.a, sine.b, sine.offset) - x;
+}
+
+// The start of the fit: the spectral peak's frequency with the decay, out of a logarithmic
+// range of damping ratios from 1e-4 to 0.5, that fits best.
+DampedSine StartingSine(const Eigen::VectorXd& t, const Eigen::VectorXd& x, double sample_rate_hz) {
+  const double w = SpectralPeak(x, sample_rate_hz);
+  DampedSine best{0.0, w, 0.0, 0.0, 0.0};
+  FitLinear(best, t, x);
+  for (double z = 1e-4; z <= 0.5; z *= 1.3) {
+    DampedSine trial{z * w, w, 0.0, 0.0, 0.0};
+    FitLinear(trial, t, x);
+    if (Misfit(trial, t, x).squaredNorm() < Misfit(best, t, x).squaredNorm()) best = trial;
+  }
+  return best;
 }
 
 // Gauss-Newton on all five parameters, with the step halved while it does not lower the misfit.
@@ -122,8 +138,7 @@ RingingEstimate EstimateRinging(const Eigen::VectorXd& samples, double sample_ra
   const Eigen::VectorXd t =
       Eigen::VectorXd::LinSpaced(samples.size(), 0.0, static_cast<double>(samples.size() - 1)) /
       sample_rate_hz;
-  DampedSine sine = LinearPrediction(samples, sample_rate_hz);
-  FitLinear(sine, t, samples);
+  DampedSine sine = StartingSine(t, samples, sample_rate_hz);
   FitNonlinear(sine, t, samples);
 
   const double periods = sine.frequency_rad_s * t(t.size() - 1) / (2.0 * kPi);
@@ -136,7 +151,10 @@ RingingEstimate EstimateRinging(const Eigen::VectorXd& samples, double sample_ra
   estimate.amplitude = std::hypot(sine.a, sine.b);
   estimate.noise_rms =
       Misfit(sine, t, samples).norm() / std::sqrt(static_cast<double>(samples.size()));
-  if (!(sine.decay_per_s >= 0.0) || !(estimate.amplitude > 3.0 * estimate.noise_rms)) {
+  // A ringing explains most of what the samples vary by; a fit to noise explains little.
+  const double spread_rms = (samples.array() - samples.mean()).matrix().norm() /
+                            std::sqrt(static_cast<double>(samples.size()));
+  if (!(sine.decay_per_s >= 0.0) || !(estimate.noise_rms < 0.7 * spread_rms)) {
     throw std::invalid_argument(
         "The ringing recording holds no ringing: no decaying oscillation stands out of the noise.");
   }
@@ -179,7 +197,9 @@ ShaperChoice ChooseShaper(const VibrationMode& mode, double frequency_uncertaint
     const bool shorter = !best || candidate.duration_s < best->duration_s ||
                          (candidate.duration_s == best->duration_s &&
                           candidate.worst_vibration < best->worst_vibration);
-    if (candidate.worst_vibration <= vibration_limit && shorter) best = std::move(candidate);
+    // The EI family peaks at exactly the limit; rounding must not rule it out.
+    const bool meets = candidate.worst_vibration <= vibration_limit * (1.0 + 1e-9);
+    if (meets && shorter) best = std::move(candidate);
   }
   if (!best) {
     throw std::domain_error(

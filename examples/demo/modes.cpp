@@ -9,6 +9,7 @@
 #include <corvane_shaper_engines/input_shaper.hpp>
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 #include <corvane_shaper_engines/shaper_designs.hpp>
+#include <corvane_shaper_engines/shaping_solve_session.hpp>
 #include <window/producers.hpp>
 #include <window/reference_buffer.hpp>
 
@@ -35,14 +36,30 @@ DemoRun Play(cw::AsyncWindowBuffer& buffer, const DemoOptions& options, Clock::t
   return run;
 }
 
-// The lifted-MPC solver follows the reference while a planner thread is still streaming it.
-DemoRun RunMpc(const DemoOptions& options, const cw::SampleMatrix& reference) {
+// The reference, held at its last sample until it is `rows` long.
+cw::SampleMatrix HeldTo(const cw::SampleMatrix& reference, Eigen::Index rows) {
+  cw::SampleMatrix held(rows, reference.cols());
+  held.topRows(reference.rows()) = reference;
+  held.bottomRows(rows - reference.rows()).rowwise() = reference.row(reference.rows() - 1);
+  return held;
+}
+
+// The lifted-MPC solver follows the reference while a planner thread is still streaming it. With
+// --shape an EI shaper stage in front of the solver shapes the reference as it streams; the
+// planner then holds the last pose for the shaper's duration, so the shaped motion settles.
+DemoRun RunMpc(const DemoOptions& options, cw::SampleMatrix reference) {
   const double h = options.sample_time_s();
+  const engines::ImpulseSequence shaper = engines::EiShaper(kArmMode);
+  std::unique_ptr<cw::LiftedMpcSolveSession> solver =
+      std::make_unique<engines::LiftedMpcSolver>(h, options.lookahead_samples);
+  if (options.shape) {
+    solver = std::make_unique<engines::ShapingSolveSession>(std::move(solver), shaper, h);
+    reference = HeldTo(reference, reference.rows() + engines::ShaperSamples(shaper, h));
+  }
   auto stored =
       std::make_shared<cw::AppendableReferenceBuffer>(static_cast<std::size_t>(options.joints));
   auto producer = std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
-      std::make_unique<engines::LiftedMpcSolver>(h, options.lookahead_samples), stored,
-      static_cast<std::size_t>(options.apply_samples),
+      std::move(solver), stored, static_cast<std::size_t>(options.apply_samples),
       static_cast<std::size_t>(options.lookahead_samples), h, 0);
   cw::AppendableWindowBuffer buffer(std::move(producer), stored, kPrefillWindows, kQueueWindows);
   const Clock::time_point start = Clock::now();
@@ -57,15 +74,8 @@ DemoRun RunMpc(const DemoOptions& options, const cw::SampleMatrix& reference) {
   run.reference = buffer.ReferencePositions();
   run.hold_samples =
       buffer.AvailableReferenceSamples() - static_cast<std::size_t>(reference.rows());
+  if (options.shape) run.shaped_reference = engines::ShapeSamples(run.reference, h, shaper);
   return run;
-}
-
-// The reference, held at its last sample until it is `rows` long.
-cw::SampleMatrix HeldTo(const cw::SampleMatrix& reference, Eigen::Index rows) {
-  cw::SampleMatrix held(rows, reference.cols());
-  held.topRows(reference.rows()) = reference;
-  held.bottomRows(rows - reference.rows()).rowwise() = reference.row(reference.rows() - 1);
-  return held;
 }
 
 // The input shaper smooths the whole reference, which lengthens it by the shaper's duration.

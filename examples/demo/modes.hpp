@@ -13,6 +13,7 @@ namespace corvane::demo {
 
 struct DemoRun {
   control::window::SampleMatrix reference;  // what the command followed, a row per played sample
+  control::window::SampleMatrix shaped_reference;  // with --shape: the reference shaped, else empty
   Playback playback;
   std::size_t hold_samples = 0;  // reference samples the producer held beyond the planner's
   control::window::QualificationReport qualification;

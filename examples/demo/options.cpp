@@ -21,6 +21,7 @@ const char kUsage[] =
     "  --lookahead N             reference samples per MPC solve, --apply to 1000 (default 100)\n"
     "  --duration S              seconds of motion, up to 600 (default 3)\n"
     "  --fast                    no real-time pacing\n"
+    "  --shape                   MPC mode: shape the streamed reference online (EI shaper)\n"
     "  --csv FILE                write time, reference and command per joint\n"
     "  --plot FILE.png           draw reference against command per joint; in plant mode the\n"
     "                            payload deflection and the command per joint (needs gnuplot)\n";
@@ -92,6 +93,8 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
     const std::string option = argv[i];
     if (option == "--fast") {
       options.fast = true;
+    } else if (option == "--shape") {
+      options.shape = true;
     } else if (option == "--help" || option == "-h") {
       options.help = true;
     } else if (const auto setter = valued.find(option); setter != valued.end()) {
@@ -100,6 +103,9 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
     } else {
       throw UsageError("unknown option '" + option + "' (try --help).");
     }
+  }
+  if (options.shape && options.mode != Mode::kMpc) {
+    throw UsageError("--shape needs --mode mpc.");
   }
   if (options.lookahead_samples < options.apply_samples) {
     throw UsageError("--lookahead must be at least --apply.");

@@ -24,6 +24,7 @@ struct DemoOptions {
   Eigen::Index lookahead_samples = 100;  // reference rows per solve (MPC mode)
   double duration_s = 3.0;               // [s] length of the planned motion
   bool fast = false;                     // play windows as fast as they come, not in real time
+  bool shape = false;                    // MPC mode: shape the streamed reference online
   std::string csv_path;                  // empty: no CSV file
   std::string plot_path;                 // empty: no plot
   bool help = false;

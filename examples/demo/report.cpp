@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "demo/gnuplot.hpp"
@@ -33,16 +34,18 @@ std::string Milliseconds(double seconds) {
   return text;
 }
 
-// Writes every sample as a line: time, reference per joint, command per joint.
+// Writes every sample as a line: time, reference per joint, command per joint, and the shaped
+// reference per joint when there is one.
 void WriteSamples(std::FILE* file, const DemoRun& run, double sample_time_s, char separator) {
   const auto& command = run.playback.command;
+  const bool shaped = run.shaped_reference.rows() > 0;
   for (Eigen::Index k = 0; k < command.rows(); ++k) {
     std::fprintf(file, "%.6f", static_cast<double>(k) * sample_time_s);
-    for (Eigen::Index j = 0; j < command.cols(); ++j) {
-      std::fprintf(file, "%c%.9g", separator, run.reference(k, j));
-    }
-    for (Eigen::Index j = 0; j < command.cols(); ++j) {
-      std::fprintf(file, "%c%.9g", separator, command(k, j));
+    for (const auto* series : {&run.reference, &command, &run.shaped_reference}) {
+      if (series == &run.shaped_reference && !shaped) break;
+      for (Eigen::Index j = 0; j < command.cols(); ++j) {
+        std::fprintf(file, "%c%.9g", separator, (*series)(k, j));
+      }
     }
     std::fputc('\n', file);
   }
@@ -92,7 +95,8 @@ void WriteCsv(const std::string& path, const DemoRun& run, double sample_time_s)
   if (!file) throw std::runtime_error("Cannot write " + path + ".");
   std::fprintf(file.get(), "time_s");
   const Eigen::Index joints = run.playback.command.cols();
-  for (const char* series : {"reference", "command"}) {
+  for (const char* series : {"reference", "command", "shaped"}) {
+    if (series == std::string("shaped") && run.shaped_reference.rows() == 0) break;
     for (Eigen::Index j = 1; j <= joints; ++j) {
       std::fprintf(file.get(), ",%s_%ld", series, static_cast<long>(j));
     }
@@ -113,9 +117,14 @@ void WritePlot(const std::string& path, const DemoRun& run, double sample_time_s
     for (long j = 1; j <= joints; ++j) {
       std::fprintf(gnuplot,
                    "set ylabel 'joint %ld [rad]'\n"
-                   "plot $samples using 1:%ld with lines lw 4 lc 'gray70' title 'reference', "
-                   "$samples using 1:%ld with lines lc 'blue' title 'command'\n",
-                   j, 1 + j, 1 + joints + j);
+                   "plot $samples using 1:%ld with lines lw 4 lc 'gray70' title 'reference', ",
+                   j, 1 + j);
+      if (run.shaped_reference.rows() > 0) {
+        std::fprintf(gnuplot, "$samples using 1:%ld with lines lw 2 lc 'orange' title 'shaped', ",
+                     1 + 2 * joints + j);
+      }
+      std::fprintf(gnuplot, "$samples using 1:%ld with lines lc 'blue' title 'command'\n",
+                   1 + joints + j);
     }
     std::fprintf(gnuplot, "unset multiplot\n");
   });

@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "support/detached_call.hpp"
+#include "support/echo_solver.hpp"
 #include "window/async_buffer.hpp"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -71,10 +72,7 @@ class SlowEchoSolver final : public LiftedMpcSolveSession {
   WindowPayload Solve(const WindowSlice& request) override {
     const Clock::time_point start = Clock::now();
     if (declared_.size() % kSlowEvery == kSlowEvery / 2) std::this_thread::sleep_for(kSlowSolve);
-    WindowPayload window;
-    const auto rows = static_cast<Eigen::Index>(std::stoul(request.metadata.at("apply_samples")));
-    window.positions = request.positions.topRows(rows);
-    window.stop_index = static_cast<std::size_t>(rows);
+    WindowPayload window = testing::EchoApplied(request);
     window.compute_time_s = std::chrono::duration<double>(Clock::now() - start).count();
     declared_.push_back(window.compute_time_s);
     return window;

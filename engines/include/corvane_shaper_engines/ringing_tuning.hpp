@@ -17,11 +17,11 @@ struct RingingEstimate {
 
 // Estimates the frequency and damping of a free ringing: deflection or acceleration samples
 // taken sample_rate_hz [Hz] apart, a constant offset allowed. A least-squares fit of a damped
-// sine (plus offset), started from the two-pole linear prediction of the samples.
-// Throws std::invalid_argument, saying which: a rate that is not finite and positive; samples
-// that are not finite; a recording too short (fewer than 16 samples, or less than two periods
-// of the ringing); a recording with no ringing (constant, not oscillating, or a fitted ringing
-// no larger than the noise).
+// sine plus offset, started from the strongest spectral line of the samples.
+// Throws std::invalid_argument, saying which: a rate that is not finite and positive; a
+// recording too short (fewer than 16 samples, or less than two periods of the ringing); samples
+// that are not finite; a recording with no ringing (constant, or no decaying oscillation that
+// explains most of the samples' variation).
 CORVANE_EXPORT RingingEstimate EstimateRinging(const Eigen::VectorXd& samples,
                                                double sample_rate_hz);
 

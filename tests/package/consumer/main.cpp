@@ -1,8 +1,10 @@
-// A separate project's use of the installed library: replay two windows through a buffer and
-// catch an error thrown across the library boundary.
+// A separate project's use of the installed libraries: replay two windows through a buffer,
+// catch an error thrown across the library boundary, and design a shaper with the engines.
 #include <cstdio>
 #include <memory>
 #include <vector>
+
+#include <corvane_shaper_engines/shaper_designs.hpp>
 #include <window/async_buffer.hpp>
 
 namespace cw = corvane::control::window;
@@ -25,5 +27,8 @@ int main() {
   } catch (const corvane::native::Error& error) {
     std::printf("consumer: %zu windows popped; caught \"%s\"\n", popped, error.what());
   }
-  return popped == 2 ? 0 : 1;
+  namespace engines = corvane::control::engines;
+  const double vibration = engines::ResidualVibration(engines::ZvdShaper({5.0, 0.1}), {5.0, 0.1});
+  std::printf("consumer: ZVD leaves %.1e of the vibration\n", vibration);
+  return popped == 2 && vibration < 1e-12 ? 0 : 1;
 }
