@@ -83,8 +83,9 @@ void PrintMoves(const cp::PlantRun& unshaped, const cp::ShaperTrial& tuned) {
 
 void PrintTrialHeader() {
   std::printf(
-      "\nShapers with their frequency off (ratio: shaped over unshaped vibration, same span, mean\n"
-      "of the moves; V: the same ratio, each vibration taken the same time after its own move)\n");
+      "\nShapers designed for the measured frequency and for one 20 %% off (error: the design's\n"
+      "over the measured, minus 1). Ratio: shaped over unshaped vibration in the same span, mean\n"
+      "of the moves; V: the same, each vibration taken the same time after its own move.\n");
   std::printf(
       "shaper        error  duration  ratio simulated  theory  worst gap   V simulated  theory\n");
 }
@@ -174,8 +175,8 @@ void RunPlantDemo(const DemoOptions& options) {
   const cs::ShaperChoice choice =
       cs::ChooseShaper(experiment.mode().measured.mode, kFrequencyUncertainty);
   std::printf(
-      "\nTuned for a frequency known within +-%.0f %%: %s, %.1f ms, worst residual "
-      "vibration %.1f %% over the band\n",
+      "\nTuned for a mode within +-%.0f %% of the measured one: %s, %.1f ms long, residual\n"
+      "vibration at most %.1f %% over that band\n",
       100.0 * kFrequencyUncertainty, cs::ShaperName(choice.kind), 1e3 * choice.duration_s,
       100.0 * choice.worst_vibration);
 

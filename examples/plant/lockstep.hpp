@@ -33,7 +33,9 @@ struct PlannedBlock {
 struct StreamShape {
   Eigen::Index apply_samples = 10;       // rows a window
   Eigen::Index lookahead_samples = 100;  // reference rows a solve sees
-  Eigen::Index queue_windows = 4;        // capacity of the window queue
+  // Capacity of the window queue. A deep queue lets the worker run ahead in bursts, so the loop
+  // waits for it far less often: on a busy machine that decides the loop's speed.
+  Eigen::Index queue_windows = 32;
 };
 
 // What a lockstep run played and what the arm did; a row or entry a sample.
