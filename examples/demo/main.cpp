@@ -5,6 +5,7 @@
 
 #include "demo/modes.hpp"
 #include "demo/options.hpp"
+#include "demo/plant_mode.hpp"
 #include "demo/report.hpp"
 
 namespace demo = corvane::demo;
@@ -22,6 +23,10 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
+    if (options.mode == demo::Mode::kPlant) {
+      demo::RunPlantDemo(options);
+      return 0;
+    }
     demo::PrintHeader(options);
     const demo::DemoRun run = demo::RunDemo(options);
     demo::PrintReport(options, run);

@@ -129,6 +129,8 @@ DemoRun RunMode(const DemoOptions& options, const cw::SampleMatrix& reference) {
       return RunShaper(options, reference);
     case Mode::kReplay:
       return RunReplay(options, reference);
+    case Mode::kPlant:  // RunPlantDemo() runs it
+      break;
   }
   return {};
 }

@@ -9,9 +9,12 @@ namespace corvane::demo {
 
 const char kUsage[] =
     "Usage: corvane-window-demo [options]\n"
-    "Plays a 6-joint arm's point-to-point moves through the window buffers in real time.\n"
-    "  --mode mpc|shaper|replay  engine: lifted MPC over a streamed reference (default),\n"
-    "                            input shaping, or replay of precomputed windows\n"
+    "Streams point-to-point moves through the lifted-MPC path into a simulated flexible arm,\n"
+    "unshaped and shaped, and prints the vibration they leave against theory (plant mode;\n"
+    "it takes only --plot). The other modes play a 6-joint arm's moves in real time.\n"
+    "  --mode plant|mpc|shaper|replay\n"
+    "                            the simulated arm (default); lifted MPC over a streamed\n"
+    "                            reference, input shaping, or replay of precomputed windows\n"
     "  --joints N                joints, 1 to 64 (default 6)\n"
     "  --rate HZ                 sample rate, up to 100000 (default 1000)\n"
     "  --apply N                 samples per window, up to 1000 (default 10)\n"
@@ -20,7 +23,8 @@ const char kUsage[] =
     "  --fast                    no real-time pacing\n"
     "  --shape                   MPC mode: shape the streamed reference online (EI shaper)\n"
     "  --csv FILE                write time, reference and command per joint\n"
-    "  --plot FILE.png           draw reference against command per joint (needs gnuplot)\n";
+    "  --plot FILE.png           draw reference against command per joint; in plant mode the\n"
+    "                            payload deflection and the command per joint (needs gnuplot)\n";
 
 namespace {
 
@@ -45,16 +49,18 @@ double ParsePositive(const std::string& option, const std::string& text, double 
 }
 
 Mode ParseMode(const std::string& text) {
-  for (const Mode mode : {Mode::kMpc, Mode::kShaper, Mode::kReplay}) {
+  for (const Mode mode : {Mode::kPlant, Mode::kMpc, Mode::kShaper, Mode::kReplay}) {
     if (text == ModeName(mode)) return mode;
   }
-  throw UsageError("--mode needs mpc, shaper or replay, not '" + text + "'.");
+  throw UsageError("--mode needs plant, mpc, shaper or replay, not '" + text + "'.");
 }
 
 }  // namespace
 
 const char* ModeName(Mode mode) {
   switch (mode) {
+    case Mode::kPlant:
+      return "plant";
     case Mode::kMpc:
       return "mpc";
     case Mode::kShaper:

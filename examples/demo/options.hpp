@@ -10,13 +10,14 @@ namespace corvane::demo {
 
 // Which engine makes the windows.
 enum class Mode {
+  kPlant,   // moves streamed through the lifted-MPC path into a simulated flexible arm
   kMpc,     // lifted-MPC solver over a reference streamed by a planner thread
   kShaper,  // input shaper over the whole reference
   kReplay,  // the reference itself, cut into precomputed windows
 };
 
 struct DemoOptions {
-  Mode mode = Mode::kMpc;
+  Mode mode = Mode::kPlant;
   Eigen::Index joints = 6;
   double rate_hz = 1000.0;               // [Hz] sample rate
   Eigen::Index apply_samples = 10;       // rows per window

@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "demo/gnuplot.hpp"
 
 namespace corvane::demo {
 
@@ -48,13 +49,6 @@ void WriteSamples(std::FILE* file, const DemoRun& run, double sample_time_s, cha
     }
     std::fputc('\n', file);
   }
-}
-
-// Single-quoted gnuplot string: a quote inside is doubled.
-std::string GnuplotQuoted(const std::string& text) {
-  std::string quoted = "'";
-  for (const char c : text) quoted += c == '\'' ? std::string("''") : std::string(1, c);
-  return quoted + "'";
 }
 
 }  // namespace
@@ -112,35 +106,28 @@ void WriteCsv(const std::string& path, const DemoRun& run, double sample_time_s)
 }
 
 void WritePlot(const std::string& path, const DemoRun& run, double sample_time_s) {
-  // Without gnuplot the pipe closes early; writes then fail instead of ending the program.
-  std::signal(SIGPIPE, SIG_IGN);
-  std::FILE* gnuplot = popen("gnuplot", "w");
-  if (gnuplot == nullptr) throw std::runtime_error("Cannot start gnuplot.");
   const long joints = static_cast<long>(run.playback.command.cols());
-  std::fprintf(gnuplot, "set terminal pngcairo size 1000,%ld\nset output %s\n", 180 * joints + 60,
-               GnuplotQuoted(path).c_str());
-  std::fprintf(gnuplot, "$samples << EOD\n");
-  WriteSamples(gnuplot, run, sample_time_s, ' ');
-  std::fprintf(gnuplot,
-               "EOD\nset key outside right top\nset xlabel 'time [s]'\n"
-               "set multiplot layout %ld,1 title 'reference and command'\n",
-               joints);
-  for (long j = 1; j <= joints; ++j) {
+  DrawPng(path, 1000, static_cast<int>(180 * joints + 60), [&](std::FILE* gnuplot) {
+    std::fprintf(gnuplot, "$samples << EOD\n");
+    WriteSamples(gnuplot, run, sample_time_s, ' ');
     std::fprintf(gnuplot,
-                 "set ylabel 'joint %ld [rad]'\n"
-                 "plot $samples using 1:%ld with lines lw 4 lc 'gray70' title 'reference', ",
-                 j, 1 + j);
-    if (run.shaped_reference.rows() > 0) {
-      std::fprintf(gnuplot, "$samples using 1:%ld with lines lw 2 lc 'orange' title 'shaped', ",
-                   1 + 2 * joints + j);
+                 "EOD\nset key outside right top\nset xlabel 'time [s]'\n"
+                 "set multiplot layout %ld,1 title 'reference and command'\n",
+                 joints);
+    for (long j = 1; j <= joints; ++j) {
+      std::fprintf(gnuplot,
+                   "set ylabel 'joint %ld [rad]'\n"
+                   "plot $samples using 1:%ld with lines lw 4 lc 'gray70' title 'reference', ",
+                   j, 1 + j);
+      if (run.shaped_reference.rows() > 0) {
+        std::fprintf(gnuplot, "$samples using 1:%ld with lines lw 2 lc 'orange' title 'shaped', ",
+                     1 + 2 * joints + j);
+      }
+      std::fprintf(gnuplot, "$samples using 1:%ld with lines lc 'blue' title 'command'\n",
+                   1 + joints + j);
     }
-    std::fprintf(gnuplot, "$samples using 1:%ld with lines lc 'blue' title 'command'\n",
-                 1 + joints + j);
-  }
-  std::fprintf(gnuplot, "unset multiplot\n");
-  if (pclose(gnuplot) != 0) {
-    throw std::runtime_error("gnuplot could not draw " + path + " (is gnuplot-nox installed?).");
-  }
+    std::fprintf(gnuplot, "unset multiplot\n");
+  });
 }
 
 }  // namespace corvane::demo

@@ -1,0 +1,158 @@
+#include "plant/lockstep.hpp"
+
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
+#include <corvane_shaper_engines/shaping_solve_session.hpp>
+#include <window/producers.hpp>
+#include <window/reference_buffer.hpp>
+
+namespace corvane::plant {
+
+namespace cw = control::window;
+namespace cs = control::engines;
+
+namespace {
+
+constexpr auto kStallTimeout = std::chrono::seconds(5);
+constexpr std::size_t kPrefillWindows = 2;
+
+// The planning half of the control loop: appends the planned blocks so that every solve sees a
+// reference that no later append changes (see lockstep.hpp).
+class BlockPlanner {
+ public:
+  BlockPlanner(cw::AppendableWindowBuffer& buffer, cw::AppendableReferenceBuffer& stored,
+               const std::vector<PlannedBlock>& plan, StreamShape shape, LockstepRun& run)
+      : buffer_(buffer), stored_(stored), plan_(plan), shape_(shape), run_(run) {}
+
+  // Appends what the worker may reach after the next pop, with `popped` windows popped so far:
+  // each window it produces covers apply_samples rows and looks lookahead_samples ahead, and it
+  // produces at most queue_windows beyond those popped.
+  void BeforePop(Eigen::Index popped) {
+    const Eigen::Index reach = (popped + shape_.queue_windows) * shape_.apply_samples;
+    while (next_ < plan_.size()) {
+      const PlannedBlock& block = plan_[next_];
+      if (block.late_windows > 0 && rows_ > 0) {
+        if (rows_ >= reach) return;  // the worker has not run out yet
+        if (!late_due_) late_due_ = popped + block.late_windows;
+        if (popped < *late_due_) return;
+        RecordHoldUpTo(reach);
+        late_due_.reset();
+      } else if (rows_ >= reach + shape_.lookahead_samples) {
+        return;
+      }
+      Append(block);
+    }
+  }
+
+ private:
+  // Waits until the producer, short of reference, has held it up to `reach` rows: the queue is
+  // then full of held windows and the worker waits for room.
+  void RecordHoldUpTo(Eigen::Index reach) {
+    if (!stored_.WaitUntilSamples(static_cast<std::size_t>(reach), kStallTimeout)) {
+      throw std::runtime_error("The producer did not hold the reference within 5 s.");
+    }
+    const auto held = static_cast<Eigen::Index>(stored_.available_samples());
+    run_.holds.push_back({rows_, held - rows_});
+    rows_ = held;
+  }
+
+  void Append(const PlannedBlock& block) {
+    const cw::AppendedRange range = buffer_.AppendReference(block.positions);
+    run_.moves.push_back(
+        {static_cast<Eigen::Index>(range.start_index) + block.move.first, block.move.count});
+    rows_ = static_cast<Eigen::Index>(range.stop_index);
+    if (++next_ == plan_.size()) buffer_.Finish();
+  }
+
+  cw::AppendableWindowBuffer& buffer_;
+  cw::AppendableReferenceBuffer& stored_;
+  const std::vector<PlannedBlock>& plan_;
+  StreamShape shape_;
+  LockstepRun& run_;
+  std::size_t next_ = 0;                  // the next block to append
+  Eigen::Index rows_ = 0;                 // reference rows stored, held ones included
+  std::optional<Eigen::Index> late_due_;  // pops after which the held-back block comes
+};
+
+// The played samples, gathered row by row.
+class Recorder {
+ public:
+  void Record(const Eigen::RowVectorXd& command, const FlexibleArm& arm) {
+    commands_.push_back(command);
+    joints_.push_back(arm.JointPositions());
+    deflection_.push_back(arm.Deflection());
+  }
+  void MoveInto(LockstepRun& run) const {
+    const auto rows = static_cast<Eigen::Index>(commands_.size());
+    run.command.resize(rows, kArmJoints);
+    run.joints.resize(rows, kArmJoints);
+    run.deflection = Eigen::Map<const Eigen::VectorXd>(deflection_.data(), rows);
+    for (Eigen::Index k = 0; k < rows; ++k) {
+      run.command.row(k) = commands_[static_cast<std::size_t>(k)];
+      run.joints.row(k) = joints_[static_cast<std::size_t>(k)];
+    }
+  }
+
+ private:
+  std::vector<Eigen::RowVectorXd> commands_;
+  std::vector<Eigen::RowVectorXd> joints_;
+  std::vector<double> deflection_;
+};
+
+// The lifted-MPC solver, behind the online shaping stage when there is a shaper.
+std::unique_ptr<cw::LiftedMpcSolveSession> Solver(const std::optional<cs::ImpulseSequence>& shaper,
+                                                  double sample_time_s,
+                                                  Eigen::Index lookahead_samples) {
+  auto solver = std::make_unique<cs::LiftedMpcSolver>(sample_time_s, lookahead_samples);
+  if (!shaper) return solver;
+  return std::make_unique<cs::ShapingSolveSession>(std::move(solver), *shaper, sample_time_s);
+}
+
+}  // namespace
+
+LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
+                        const std::optional<cs::ImpulseSequence>& shaper, StreamShape shape,
+                        double compute_fraction_limit) {
+  const auto started = std::chrono::steady_clock::now();
+  const double h = arm.sample_time_s();
+  auto stored = std::make_shared<cw::AppendableReferenceBuffer>(kArmJoints);
+  cw::AppendableWindowBuffer buffer(std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
+                                        Solver(shaper, h, shape.lookahead_samples), stored,
+                                        static_cast<std::size_t>(shape.apply_samples),
+                                        static_cast<std::size_t>(shape.lookahead_samples), h, 0),
+                                    stored, kPrefillWindows,
+                                    static_cast<std::size_t>(shape.queue_windows));
+  LockstepRun run;
+  BlockPlanner planner(buffer, *stored, plan, shape, run);
+  Recorder recorder;
+  arm.Rest(plan.front().positions.row(0));
+  planner.BeforePop(0);
+  buffer.Start();
+  for (Eigen::Index popped = 0;; ++popped) {
+    planner.BeforePop(popped);
+    const std::optional<cw::WindowPayload> window = buffer.Pop(kStallTimeout);
+    if (!window) {
+      if (buffer.IsComplete()) break;
+      throw std::runtime_error("No window arrived within 5 s.");
+    }
+    for (Eigen::Index k = 0; k < window->positions.rows(); ++k) {
+      const Eigen::RowVectorXd velocity = window->velocities
+                                              ? Eigen::RowVectorXd(window->velocities->row(k))
+                                              : Eigen::RowVectorXd::Zero(kArmJoints);
+      arm.Play(window->positions.row(k), velocity);
+      recorder.Record(window->positions.row(k), arm);
+    }
+  }
+  recorder.MoveInto(run);
+  run.reference = buffer.ReferencePositions();
+  run.qualification = buffer.Qualify(compute_fraction_limit);
+  run.wall_time_s =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  return run;
+}
+
+}  // namespace corvane::plant

@@ -1,0 +1,54 @@
+#include "plant/residual_vibration.hpp"
+
+#include <cmath>
+#include <stdexcept>
+
+#include <Eigen/QR>
+
+namespace corvane::plant {
+
+namespace cs = control::engines;
+
+namespace {
+
+// [rad/s] the mode's decay rate zeta w and its damped angular frequency wd.
+struct DampedSine {
+  double decay_per_s;
+  double angular_frequency;
+};
+
+DampedSine DampedSineOf(const cs::VibrationMode& mode) {
+  const double w = 2.0 * M_PI * mode.natural_frequency_hz;
+  const double zeta = mode.damping_ratio;
+  return {zeta * w, w * std::sqrt(1.0 - zeta * zeta)};
+}
+
+}  // namespace
+
+double FittedAmplitude(const Eigen::VectorXd& signal, double sample_time_s, SampleSpan span,
+                       const cs::VibrationMode& mode) {
+  if (span.first < 0 || span.count < 3 || span.first + span.count > signal.size()) {
+    throw std::invalid_argument("The fitted span must lie within the signal.");
+  }
+  const DampedSine sine = DampedSineOf(mode);
+  Eigen::MatrixXd basis(span.count, 3);
+  for (Eigen::Index k = 0; k < span.count; ++k) {
+    const double t = static_cast<double>(k) * sample_time_s;
+    const double envelope = std::exp(-sine.decay_per_s * t);
+    basis.row(k) << envelope * std::cos(sine.angular_frequency * t),
+        envelope * std::sin(sine.angular_frequency * t), 1.0;
+  }
+  const Eigen::Vector3d fit =
+      basis.colPivHouseholderQr().solve(signal.segment(span.first, span.count));
+  return fit.head<2>().norm();
+}
+
+double Decay(const cs::VibrationMode& mode, double duration_s) {
+  return std::exp(-DampedSineOf(mode).decay_per_s * duration_s);
+}
+
+double SameTimeVibrationRatio(const cs::ImpulseSequence& shaper, const cs::VibrationMode& mode) {
+  return cs::ResidualVibration(shaper, mode) / Decay(mode, shaper.times_s.back());
+}
+
+}  // namespace corvane::plant
