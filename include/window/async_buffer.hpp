@@ -148,7 +148,8 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   // Finishes the reference buffer first (releasing a producer waiting for samples), then stops
   // the worker.
   void Stop() override;
-  // A copy of every stored reference sample.
+  // A copy of every stored reference sample; over a reference buffer with a retention, of the
+  // retained ones, oldest first.
   SampleMatrix ReferencePositions() const;
   // Number of stored reference samples, held samples included.
   std::size_t AvailableReferenceSamples() const;
