@@ -55,8 +55,8 @@ class CORVANE_EXPORT AsyncWindowBuffer {
                     std::size_t prefill_windows = 0,
                     std::optional<std::size_t> max_buffered_windows = std::nullopt);
   // As above, but keeps the statistics of only the most recent statistics_retention_windows
-  // windows, so that their memory stays bounded on a stream that runs for days (under 32 bytes
-  // per retained window plus 600 KB). Qualify() then judges the most recent min(produced,
+  // windows, so that their memory stays bounded on a stream that runs for days (16 bytes per
+  // retained window plus at most 128 KB). Qualify() then judges the most recent min(produced,
   // statistics_retention_windows) windows: total_windows, total_compute_time_s,
   // max_compute_time_s, p99_compute_time_s and the compute-fraction test cover those windows
   // only, while each of their running margins (min_margin_s, underrun_windows) is the one the

@@ -14,8 +14,9 @@ std::size_t WindowStatistics::KeptChunks() const {
 
 // When the open chunk is full, it is sealed into the next slot of the list. Chunks beyond the
 // retention leave from the front, their sums carried in production order. A list without a
-// free slot is replaced by one twice the size of what it keeps, so that copying the list costs
-// a constant amount per window.
+// free slot, or one that drops a chunk, is replaced by a new list of what it keeps (with room to
+// double), so that a dropped chunk is freed as soon as no snapshot holds it, and copying lists
+// costs a constant amount per window.
 WindowStatistics::Growth WindowStatistics::PrepareRecord() const {
   Growth growth;
   if (open_ && open_windows_ < kChunkWindows) return growth;
@@ -35,7 +36,7 @@ WindowStatistics::Growth WindowStatistics::PrepareRecord() const {
       growth.spent_before_s += dropped.compute_s[i];
     }
   }
-  if (sealed_ && count <= sealed_->size()) {
+  if (sealed_ && count <= sealed_->size() && first == first_sealed_) {
     growth.first_sealed = first;
     growth.sealed_count = count;
     return growth;
