@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <future>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <random>
@@ -139,7 +140,19 @@ struct Stream {
                                    std::ref(delivery), ending, std::ref(popped), ending_at,
                                    seed + static_cast<unsigned>(c)));
     }
-    for (auto& one : running) testing_support::Guarded([&] { one.get(); }, "a consumer");
+    // However long the stream, it must never go kHangLimit without delivering.
+    for (auto& one : running) {
+      std::size_t seen = std::numeric_limits<std::size_t>::max();
+      while (one.wait_for(testing_support::kHangLimit) != std::future_status::ready) {
+        const std::size_t delivered = delivery.Summarize().contiguous;
+        if (delivered == seen) {
+          std::fprintf(stderr, "the stream stalled at %zu samples\n", delivered);
+          std::abort();
+        }
+        seen = delivered;
+      }
+      one.get();
+    }
   }
 };
 
