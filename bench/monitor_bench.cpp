@@ -2,16 +2,14 @@
 // long: the latency of PopNowait() on the consumer thread while the worker produces at full speed
 // into a queue bounded at 8, over a history of 3,000,000 windows, with and without the monitor.
 //
-// The baseline, measured in the same run, is the same handoff with the plain statistics copy: one
+// The baseline, measured in the same run, is the bare handoff with the plain statistics copy: one
 // mutex, one condition variable, a deque and two std::vector histories that its Qualify copies
 // whole under the lock before summing and sorting outside it.
 //   p99_us, max_us, calls: PopNowait latency distribution (microseconds) and its call count;
 //   qualify_ms: mean wall time of one Qualify call of the monitor.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -22,6 +20,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "handoff_fixtures.hpp"
 #include "ratio_reporter.hpp"
 #include "window/async_buffer.hpp"
 
@@ -38,27 +37,12 @@ constexpr auto kLatencyRun = std::chrono::milliseconds(1500);
 constexpr std::size_t kLatencyCallsReserved = 40'000'000;
 constexpr auto kMonitorPeriod = std::chrono::milliseconds(100);
 
-cw::WindowPayload TemplateWindow() {
-  cw::WindowPayload window;
-  window.positions = cw::SampleMatrix::Random(10, 6);
-  window.stop_index = 10;
-  window.metadata["sample_time_s"] = "0.001000";
-  return window;
-}
+using corvane::bench::BareHandoff;
+using corvane::bench::CopyingProducer;
+using corvane::bench::TemplateWindow;
 
-// Copies the template on every call and never runs out.
-class CopyingProducer final : public cw::WindowProducerSession {
- public:
-  void PrepareSession() override {}
-  std::optional<cw::WindowPayload> ProduceNext() override { return template_; }
-  bool IsExhausted() const override { return false; }
-  std::optional<cw::WindowPayload> Finalize() override { return std::nullopt; }
-
- private:
-  cw::WindowPayload template_ = TemplateWindow();
-};
-
-// The baseline: the handoff with statistics kept in two vectors, copied whole under the lock.
+// The baseline: the bare handoff with statistics kept in two vectors under its lock, which its
+// Qualify copies whole under the lock before summing and sorting outside it.
 class PlainCopyBuffer {
  public:
   PlainCopyBuffer() {
@@ -69,37 +53,27 @@ class PlainCopyBuffer {
     duration_s_.assign(kHistory, 1e-2);
   }
   ~PlainCopyBuffer() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      stopped_ = true;
-    }
-    cv_.notify_all();
+    handoff_.Finish();
     if (worker_.joinable()) worker_.join();
   }
   void Start() {
     worker_ = std::thread([this] {
       const cw::WindowPayload window = TemplateWindow();
-      while (Push(cw::WindowPayload(window))) {
+      while (handoff_.Push(cw::WindowPayload(window), [this] {
+        compute_s_.push_back(1e-4);
+        duration_s_.push_back(1e-2);
+      })) {
       }
     });
   }
-  std::optional<cw::WindowPayload> PopNowait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    if (queue_.empty()) return std::nullopt;
-    std::optional<cw::WindowPayload> window(std::move(queue_.front()));
-    queue_.pop_front();
-    lock.unlock();
-    cv_.notify_all();
-    return window;
-  }
+  std::optional<cw::WindowPayload> PopNowait() { return handoff_.Pop(false); }
   double Qualify() {
     std::vector<double> compute_s;
     std::vector<double> duration_s;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
+    handoff_.Locked([&] {
       compute_s = compute_s_;
       duration_s = duration_s_;
-    }
+    });
     const double sum = std::accumulate(duration_s.begin(), duration_s.end(), 0.0);
     const auto p99 = compute_s.begin() + static_cast<std::ptrdiff_t>(compute_s.size() * 99 / 100);
     std::nth_element(compute_s.begin(), p99, compute_s.end());
@@ -107,33 +81,17 @@ class PlainCopyBuffer {
   }
 
  private:
-  bool Push(cw::WindowPayload&& window) {
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      compute_s_.push_back(1e-4);
-      duration_s_.push_back(1e-2);
-      cv_.wait(lock, [&] { return stopped_ || queue_.size() < kCapacity; });
-      if (stopped_) return false;
-      queue_.push_back(std::move(window));
-    }
-    cv_.notify_all();
-    return true;
-  }
-
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::deque<cw::WindowPayload> queue_;
+  BareHandoff handoff_{kCapacity};
   std::vector<double> compute_s_;
   std::vector<double> duration_s_;
-  bool stopped_ = false;
   std::thread worker_;
 };
 
 // An AsyncWindowBuffer whose history already holds kHistory windows: produced and popped on this
 // thread through Prefill, in slices, before the worker starts.
 std::unique_ptr<cw::AsyncWindowBuffer> BufferWithHistory() {
-  auto buffer =
-      std::make_unique<cw::AsyncWindowBuffer>(std::make_unique<CopyingProducer>(), 0, kCapacity);
+  auto buffer = std::make_unique<cw::AsyncWindowBuffer>(
+      std::make_unique<CopyingProducer>(std::nullopt), 0, kCapacity);
   for (std::size_t recorded = 0; recorded < kHistory; recorded += 10'000) {
     buffer->Prefill(10'000);
     while (buffer->PopNowait()) {
@@ -253,9 +211,5 @@ void PrintSummary(const corvane::bench::RatioReporter& reporter) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  corvane::bench::RatioReporter reporter;
-  corvane::bench::RunInterleaved(argc, argv, reporter);
-  PrintSummary(reporter);
-  benchmark::Shutdown();
-  return 0;
+  return corvane::bench::RunAndSummarize(argc, argv, PrintSummary);
 }

@@ -94,32 +94,43 @@ void AppendableReferenceBuffer::Impl::ReserveFor(std::size_t samples) {
   }
 }
 
-// Of a block longer than the store only its last rows survive, so only they are written, in at
-// most two stretches.
+namespace {
+
+// Calls copy(slot, offset, rows) for each stretch of `count` samples from `first` on that lies
+// in one piece in a store of `capacity` rows: samples first + offset and on live in rows slot and
+// on. There are at most two stretches when count <= capacity.
+template <typename Copy>
+void ForEachStretch(std::size_t first, std::size_t count, std::size_t capacity, Copy copy) {
+  for (std::size_t offset = 0; offset < count;) {
+    const std::size_t slot = (first + offset) % capacity;
+    const std::size_t rows = std::min(count - offset, capacity - slot);
+    copy(ToIndex(slot), ToIndex(offset), ToIndex(rows));
+    offset += rows;
+  }
+}
+
+}  // namespace
+
+// Of a block longer than the store only its last rows survive, so only they are written.
 template <typename Rows>
 void AppendableReferenceBuffer::Impl::WriteRows(const Rows& rows, std::size_t first) {
   const auto capacity = static_cast<std::size_t>(positions.rows());
   const auto count = static_cast<std::size_t>(rows.rows());
-  for (std::size_t done = count > capacity ? count - capacity : 0; done < count;) {
-    const std::size_t slot = (first + done) % capacity;
-    const std::size_t stretch = std::min(count - done, capacity - slot);
-    positions.middleRows(ToIndex(slot), ToIndex(stretch)) =
-        rows.middleRows(ToIndex(done), ToIndex(stretch));
-    done += stretch;
-  }
+  const std::size_t skipped = count > capacity ? count - capacity : 0;
+  ForEachStretch(first + skipped, count - skipped, capacity,
+                 [&](Eigen::Index slot, Eigen::Index offset, Eigen::Index stretch) {
+                   positions.middleRows(slot, stretch) =
+                       rows.middleRows(offset + ToIndex(skipped), stretch);
+                 });
 }
 
 template <typename Out>
 void AppendableReferenceBuffer::Impl::ReadRows(std::size_t first, Out&& out) const {
-  const auto capacity = static_cast<std::size_t>(positions.rows());
-  const auto count = static_cast<std::size_t>(out.rows());
-  for (std::size_t done = 0; done < count;) {
-    const std::size_t slot = (first + done) % capacity;
-    const std::size_t stretch = std::min(count - done, capacity - slot);
-    out.middleRows(ToIndex(done), ToIndex(stretch)) =
-        positions.middleRows(ToIndex(slot), ToIndex(stretch));
-    done += stretch;
-  }
+  ForEachStretch(first, static_cast<std::size_t>(out.rows()),
+                 static_cast<std::size_t>(positions.rows()),
+                 [&](Eigen::Index slot, Eigen::Index offset, Eigen::Index stretch) {
+                   out.middleRows(offset, stretch) = positions.middleRows(slot, stretch);
+                 });
 }
 
 // The finished state is checked before the joint count, and the first block fixes the joint
