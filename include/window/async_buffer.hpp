@@ -36,9 +36,9 @@ struct QualificationReport {
 // Running totals over every window produced through ProduceNext in the buffer's life, kept exact
 // whatever the statistics retention.
 struct ProductionTotals {
-  std::size_t windows = 0;          // windows produced through ProduceNext
-  double compute_time_s = 0.0;      // [s] sum of their compute times, added in production order
-  double max_compute_time_s = 0.0;  // [s] largest compute time charged to one; 0 before the first
+  std::size_t total_windows = 0;      // windows produced through ProduceNext
+  double total_compute_time_s = 0.0;  // [s] sum of their compute times, added in production order
+  double max_compute_time_s = 0.0;    // [s] largest compute time charged to one; 0 before the first
 };
 
 // Runs one producer on a worker thread and hands its windows to consumers.

@@ -71,12 +71,12 @@ void WindowStatistics::Record(double compute_s, double duration_s, Growth& growt
   open_->duration_s[open_windows_] = duration_s;
   ++open_windows_;
 
-  if (totals_.windows < prefill_windows_) prefill_credit_s_ += compute_s;
-  if (totals_.windows == 0 || compute_s > totals_.max_compute_time_s) {
+  if (totals_.total_windows < prefill_windows_) prefill_credit_s_ += compute_s;
+  if (totals_.total_windows == 0 || compute_s > totals_.max_compute_time_s) {
     totals_.max_compute_time_s = compute_s;
   }
-  totals_.compute_time_s += compute_s;
-  ++totals_.windows;
+  totals_.total_compute_time_s += compute_s;
+  ++totals_.total_windows;
 }
 
 StatisticsSnapshot WindowStatistics::Snapshot() const {

@@ -163,8 +163,8 @@ TEST(QualificationTest, MatchesAPlainCopyOfTheHistoryToTheBit) {
     EXPECT_EQ(got.total_compute_time_s, want.total_compute_time_s);
     // The totals cover the whole life, whatever was retained.
     const ProductionTotals totals = buffer.Totals();
-    EXPECT_EQ(totals.windows, n);
-    EXPECT_EQ(totals.compute_time_s, PlainReport(comp, dur, 0, 1.0, n).total_compute_time_s);
+    EXPECT_EQ(totals.total_windows, n);
+    EXPECT_EQ(totals.total_compute_time_s, PlainReport(comp, dur, 0, 1.0, n).total_compute_time_s);
     EXPECT_EQ(totals.max_compute_time_s, *std::max_element(comp.begin(), comp.end()));
   }
 }
@@ -173,7 +173,7 @@ TEST(QualificationTest, RefusesARetentionOfNoWindows) {
   EXPECT_EQ(testing::MessageOf<std::invalid_argument>(
                 [] { AsyncWindowBuffer(Recorded().producer, 0, std::nullopt, 0); }),
             "statistics_retention_windows must be positive.");
-  EXPECT_EQ(AsyncWindowBuffer(Recorded().producer).Totals().windows, 0u);
+  EXPECT_EQ(AsyncWindowBuffer(Recorded().producer).Totals().total_windows, 0u);
 }
 
 }  // namespace

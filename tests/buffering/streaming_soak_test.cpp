@@ -285,7 +285,7 @@ TEST(StreamingSoakTest, HoursOfRetainedStreamingHoldFlatMemory) {
 
   // The totals cover the whole life, the report the last hour.
   const ProductionTotals totals = stream.buffer->Totals();
-  EXPECT_EQ(totals.windows, (samples + kApply - 1) / kApply);
+  EXPECT_EQ(totals.total_windows, (samples + kApply - 1) / kApply);
   EXPECT_EQ(stream.buffer->Qualify(1.0).total_windows, kSamplesPerHour / kApply);
 }
 
