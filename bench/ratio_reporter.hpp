@@ -61,6 +61,16 @@ inline void RunInterleaved(int argc, char** argv, RatioReporter& reporter) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
 }
 
+// The whole main() of a benchmark program: runs its benchmarks interleaved, then prints their
+// summary.
+inline int RunAndSummarize(int argc, char** argv, void (*summarize)(const RatioReporter&)) {
+  RatioReporter reporter;
+  RunInterleaved(argc, argv, reporter);
+  summarize(reporter);
+  benchmark::Shutdown();
+  return 0;
+}
+
 // Prints "label: value (target)" with the verdict, for the summary after the runs.
 inline void PrintRatio(const char* label, double ratio, const char* target, bool met) {
   std::printf("%-58s %8.3f  (target %s: %s)\n", label, ratio, target, met ? "met" : "MISSED");

@@ -33,6 +33,14 @@ struct QualificationReport {
   double total_compute_time_s = 0.0;    // [s] sum of the compute times
 };
 
+// Running totals over every window produced through ProduceNext in the buffer's life, kept exact
+// whatever the statistics retention.
+struct ProductionTotals {
+  std::size_t total_windows = 0;      // windows produced through ProduceNext
+  double total_compute_time_s = 0.0;  // [s] sum of their compute times, added in production order
+  double max_compute_time_s = 0.0;    // [s] largest compute time charged to one; 0 before the first
+};
+
 // Runs one producer on a worker thread and hands its windows to consumers.
 // Every public operation may be called from any thread, except that Start, Join, Close, the
 // destructor and the move operations must not run concurrently on one buffer, and Prefill must
@@ -46,6 +54,17 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   AsyncWindowBuffer(std::unique_ptr<WindowProducerSession> producer,
                     std::size_t prefill_windows = 0,
                     std::optional<std::size_t> max_buffered_windows = std::nullopt);
+  // As above, but keeps the statistics of only the most recent statistics_retention_windows
+  // windows, so that their memory stays bounded on a stream that runs for days (16 bytes per
+  // retained window plus at most 128 KB). Qualify() then judges the most recent min(produced,
+  // statistics_retention_windows) windows: total_windows, total_compute_time_s,
+  // max_compute_time_s, p99_compute_time_s and the compute-fraction test cover those windows
+  // only, while each of their running margins (min_margin_s, underrun_windows) is the one the
+  // whole history gives it, prefill credit included. Totals() stays exact over the whole life.
+  // Throws as above, then std::invalid_argument when statistics_retention_windows is 0.
+  AsyncWindowBuffer(std::unique_ptr<WindowProducerSession> producer, std::size_t prefill_windows,
+                    std::optional<std::size_t> max_buffered_windows,
+                    std::size_t statistics_retention_windows);
   // Takes the other buffer's state, a running worker included; the other holds none afterwards.
   AsyncWindowBuffer(AsyncWindowBuffer&& other) noexcept;
   // Stops and joins this buffer's worker, drops its state, then takes the other's.
@@ -87,6 +106,9 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // second of window duration). Throws std::invalid_argument unless the limit is finite and
   // positive.
   QualificationReport Qualify(double compute_fraction_limit);
+  // Window count, total and largest compute time over the buffer's whole life, whatever the
+  // statistics retention; a snapshot taken in constant time.
+  ProductionTotals Totals() const;
 
  private:
   struct Impl;
@@ -102,6 +124,15 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
                          std::shared_ptr<AppendableReferenceBuffer> reference_buffer,
                          std::size_t prefill_windows = 0,
                          std::optional<std::size_t> max_buffered_windows = std::nullopt);
+  // As above, keeping the statistics of only the most recent statistics_retention_windows
+  // windows, as the AsyncWindowBuffer constructor of that name does. Throws as above, with the
+  // check of statistics_retention_windows (std::invalid_argument when 0) before that of
+  // reference_buffer.
+  AppendableWindowBuffer(std::unique_ptr<WindowProducerSession> producer,
+                         std::shared_ptr<AppendableReferenceBuffer> reference_buffer,
+                         std::size_t prefill_windows,
+                         std::optional<std::size_t> max_buffered_windows,
+                         std::size_t statistics_retention_windows);
   // Takes the other buffer's state, its worker and reference share included.
   AppendableWindowBuffer(AppendableWindowBuffer&& other) noexcept;
   // Finishes this buffer's reference, stops and joins its worker, then takes the other's state.
@@ -119,7 +150,8 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   // Finishes the reference buffer first (releasing a producer waiting for samples), then stops
   // the worker.
   void Stop() override;
-  // A copy of every stored reference sample.
+  // A copy of every stored reference sample; over a reference buffer with a retention, of the
+  // retained ones, oldest first.
   SampleMatrix ReferencePositions() const;
   // Number of stored reference samples, held samples included.
   std::size_t AvailableReferenceSamples() const;

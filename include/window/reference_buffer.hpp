@@ -3,7 +3,8 @@
 // The caller appends blocks of samples (one row per sample, one column per joint) while the
 // system runs and finally calls Finish(). The lifted-MPC producer waits for the first sample,
 // reads padded windows and holds the last sample when the caller falls behind. Sample i is row i
-// of the store; a row, once stored, never changes and is never removed.
+// of the store; a row, once stored, never changes and is never removed, unless the buffer was
+// built with a retention, which drops the oldest samples.
 #pragma once
 
 #include <chrono>
@@ -36,6 +37,15 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // An empty, open buffer. joint_count, when given, fixes the column count now; otherwise the
   // first non-empty append fixes it. Throws std::invalid_argument when joint_count is 0.
   explicit AppendableReferenceBuffer(std::optional<std::size_t> joint_count = std::nullopt);
+  // As above, but keeping only the most recent retention_samples samples, so that memory stays
+  // bounded (retention_samples rows of joints doubles) and an append costs the same at any stream
+  // length. Sample indices stay global: available_samples() counts every sample ever stored, and
+  // retained samples read exactly as they would without a retention. WindowWithTerminalPadding
+  // from a sample that has been dropped throws std::invalid_argument naming the first retained
+  // sample; PositionsCopy() returns the retained samples, oldest first (the last
+  // min(available_samples(), retention_samples) samples). Throws std::invalid_argument when
+  // joint_count is 0, then when retention_samples is 0.
+  AppendableReferenceBuffer(std::optional<std::size_t> joint_count, std::size_t retention_samples);
   // Takes the other buffer's state; the other holds none afterwards.
   AppendableReferenceBuffer(AppendableReferenceBuffer&& other) noexcept;
   // Takes the other buffer's state and drops the state held before.
@@ -54,7 +64,8 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // Allowed after Finish(). Throws std::invalid_argument before the first sample.
   std::size_t ExtendHoldTo(std::size_t target_samples);
   // A copy of samples [start, stop); rows past the stored samples repeat the last one.
-  // Throws std::invalid_argument when start >= stop or start is not a stored sample.
+  // Throws std::invalid_argument when start >= stop, when start is not a stored sample yet, or
+  // when it has been dropped by a retention.
   ReferenceWindow WindowWithTerminalPadding(std::size_t start, std::size_t stop) const;
   // Blocks until at least `count` samples are stored, the stream is finished, or the time-out
   // (steady clock; absent: no limit; zero or negative: no wait) passes. Returns whether at least
@@ -65,7 +76,7 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   std::size_t available_samples() const;
   // Whether Finish() has been called.
   bool is_finished() const;
-  // A copy of every stored sample.
+  // A copy of every stored sample; with a retention, of the retained ones, oldest first.
   SampleMatrix PositionsCopy() const;
 
  private:

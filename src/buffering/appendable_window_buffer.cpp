@@ -18,6 +18,16 @@ AppendableWindowBuffer::AppendableWindowBuffer(
   if (!reference_buffer_) throw std::invalid_argument("reference_buffer must not be null.");
 }
 
+AppendableWindowBuffer::AppendableWindowBuffer(
+    std::unique_ptr<WindowProducerSession> producer,
+    std::shared_ptr<AppendableReferenceBuffer> reference_buffer, std::size_t prefill_windows,
+    std::optional<std::size_t> max_buffered_windows, std::size_t statistics_retention_windows)
+    : AsyncWindowBuffer(std::move(producer), prefill_windows, max_buffered_windows,
+                        statistics_retention_windows),
+      reference_buffer_(std::move(reference_buffer)) {
+  if (!reference_buffer_) throw std::invalid_argument("reference_buffer must not be null.");
+}
+
 AppendableWindowBuffer::AppendableWindowBuffer(AppendableWindowBuffer&& other) noexcept = default;
 
 // The base stops this buffer through the override below while reference_buffer_ still names

@@ -13,7 +13,8 @@ AsyncWindowBuffer::Impl::Impl(std::unique_ptr<WindowProducerSession> producer_in
                               std::optional<std::size_t> max_buffered_windows_in)
     : producer(std::move(producer_in)),
       prefill_windows(prefill_windows_in),
-      max_buffered_windows(max_buffered_windows_in) {}
+      max_buffered_windows(max_buffered_windows_in),
+      statistics(prefill_windows_in) {}
 
 // The producer is moved in first, so the caller's pointer is empty whatever follows, and a
 // failed check destroys it with the state. The checks run in this order and report the first

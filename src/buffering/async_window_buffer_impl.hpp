@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "buffering/window_statistics.hpp"
 #include "window/async_buffer.hpp"
 
 namespace corvane::control::window {
@@ -36,10 +36,9 @@ struct AsyncWindowBuffer::Impl {
   bool session_prepared = false;  // only Prefill (before Start) and the worker use it: no lock
   bool stop_requested = false;
   bool producer_finished = false;
-  std::exception_ptr failure;              // what ended the worker, rethrown by Pop
-  std::optional<std::string> last_error;   // its text
-  std::vector<double> compute_times_s;     // [s] charged per produced window, production order
-  std::vector<double> window_durations_s;  // [s] duration per produced window, same order
+  std::exception_ptr failure;             // what ended the worker, rethrown by Pop
+  std::optional<std::string> last_error;  // its text
+  WindowStatistics statistics;            // compute time and duration per produced window
 
   // The worker thread's whole body: session, initial, steady and tail phases, then the end.
   // Returns normally in every case; a failure is stored for the consumer.

@@ -114,17 +114,12 @@ std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
   return window;
 }
 
-// Both vectors grow in one lock scope, so they always have the same length; should the second
-// append fail for lack of memory, the first is taken back.
+// One entry for both figures, in one lock scope. What the entry needs allocated is allocated
+// before the lock is taken, and what it replaces is freed after the lock has been released.
 void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration_s) {
+  WindowStatistics::Growth growth = statistics.PrepareRecord();
   auto lock = Lock();
-  compute_times_s.push_back(charged_s);
-  try {
-    window_durations_s.push_back(duration_s);
-  } catch (...) {
-    compute_times_s.pop_back();
-    throw;
-  }
+  statistics.Record(charged_s, duration_s, growth);
 }
 
 // The queueing step: the window is moved, never copied, to the back of the queue.

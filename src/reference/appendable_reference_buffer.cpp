@@ -1,6 +1,11 @@
 // The appendable reference buffer: one mutex guards the store, one condition variable wakes the
 // threads that wait for samples. Blocks are checked before the lock is taken, and waiters are
 // notified only after it has been released.
+//
+// Sample i lives in row i % rows of the store. Without a retention the store holds exactly the
+// samples so far, so that is row i. With a retention of R samples the store grows by doubling up
+// to R rows and from then on is a ring: an append writes only its own rows, whatever the length
+// of the stream, and overwrites the oldest samples.
 #include "window/reference_buffer.hpp"
 
 #include <algorithm>
@@ -9,6 +14,7 @@
 #include <mutex>
 #include <new>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "common/timed_wait.hpp"
@@ -20,11 +26,23 @@ struct AppendableReferenceBuffer::Impl {
   std::mutex mutex;
   std::condition_variable cv;              // signalled when samples are added or on Finish()
   std::optional<std::size_t> joint_count;  // fixed at construction or by the first append
-  SampleMatrix positions;                  // every sample so far, exactly as many rows as stored
-  bool finished = false;                   // set by Finish(), never cleared
+  SampleMatrix positions;  // every sample so far, or the ring of the most recent ones
+  bool finished = false;   // set by Finish(), never cleared
+  std::optional<std::size_t> retention_samples;  // absent: every sample is kept
+  std::size_t sample_count = 0;                  // samples stored so far, dropped ones included
 
   // The helpers below expect the caller to hold `mutex`.
-  std::size_t SampleCount() const { return static_cast<std::size_t>(positions.rows()); }
+  std::size_t SampleCount() const { return sample_count; }
+  // Index of the oldest sample still stored.
+  std::size_t FirstRetained() const;
+  // Makes room for samples up to `samples`, keeping every stored sample in its row.
+  void ReserveFor(std::size_t samples);
+  // Writes the rows of `rows` as the samples from `first` on, wrapping around the ring.
+  template <typename Rows>
+  void WriteRows(const Rows& rows, std::size_t first);
+  // Copies the samples [first, first + out.rows()) into `out`, unwrapping the ring.
+  template <typename Out>
+  void ReadRows(std::size_t first, Out&& out) const;
   // Stores the rows of a non-empty block whose shape and values have been checked.
   AppendedRange StoreBlock(const SampleMatrix& command);
   // Repeats the last sample until `target_samples` are stored; returns how many it added.
@@ -60,6 +78,61 @@ void GrowStoreTo(SampleMatrix& store, std::size_t samples) {
 
 }  // namespace
 
+std::size_t AppendableReferenceBuffer::Impl::FirstRetained() const {
+  if (!retention_samples || sample_count <= *retention_samples) return 0;
+  return sample_count - *retention_samples;
+}
+
+// Without a retention the store grows to exactly the new size. With one it doubles until it holds
+// the retention; nothing has wrapped before that, so every row stays where it was.
+void AppendableReferenceBuffer::Impl::ReserveFor(std::size_t samples) {
+  const auto rows = static_cast<std::size_t>(positions.rows());
+  if (!retention_samples) {
+    GrowStoreTo(positions, samples);
+  } else if (samples > rows && rows < *retention_samples) {
+    GrowStoreTo(positions, std::min(*retention_samples, std::max(samples, 2 * rows)));
+  }
+}
+
+namespace {
+
+// Calls copy(slot, offset, rows) for each stretch of `count` samples from `first` on that lies
+// in one piece in a store of `capacity` rows: samples first + offset and on live in rows slot and
+// on. There are at most two stretches when count <= capacity.
+template <typename Copy>
+void ForEachStretch(std::size_t first, std::size_t count, std::size_t capacity, Copy copy) {
+  for (std::size_t offset = 0; offset < count;) {
+    const std::size_t slot = (first + offset) % capacity;
+    const std::size_t rows = std::min(count - offset, capacity - slot);
+    copy(ToIndex(slot), ToIndex(offset), ToIndex(rows));
+    offset += rows;
+  }
+}
+
+}  // namespace
+
+// Of a block longer than the store only its last rows survive, so only they are written.
+template <typename Rows>
+void AppendableReferenceBuffer::Impl::WriteRows(const Rows& rows, std::size_t first) {
+  const auto capacity = static_cast<std::size_t>(positions.rows());
+  const auto count = static_cast<std::size_t>(rows.rows());
+  const std::size_t skipped = count > capacity ? count - capacity : 0;
+  ForEachStretch(first + skipped, count - skipped, capacity,
+                 [&](Eigen::Index slot, Eigen::Index offset, Eigen::Index stretch) {
+                   positions.middleRows(slot, stretch) =
+                       rows.middleRows(offset + ToIndex(skipped), stretch);
+                 });
+}
+
+template <typename Out>
+void AppendableReferenceBuffer::Impl::ReadRows(std::size_t first, Out&& out) const {
+  ForEachStretch(first, static_cast<std::size_t>(out.rows()),
+                 static_cast<std::size_t>(positions.rows()),
+                 [&](Eigen::Index slot, Eigen::Index offset, Eigen::Index stretch) {
+                   out.middleRows(offset, stretch) = positions.middleRows(slot, stretch);
+                 });
+}
+
 // The finished state is checked before the joint count, and the first block fixes the joint
 // count; a failed check leaves the stored samples as they were.
 AppendedRange AppendableReferenceBuffer::Impl::StoreBlock(const SampleMatrix& command) {
@@ -75,8 +148,9 @@ AppendedRange AppendableReferenceBuffer::Impl::StoreBlock(const SampleMatrix& co
     throw std::invalid_argument("command joint count does not match the appendable buffer.");
   }
   const std::size_t new_count = count + static_cast<std::size_t>(command.rows());
-  GrowStoreTo(positions, new_count);
-  positions.bottomRows(command.rows()) = command;
+  ReserveFor(new_count);
+  WriteRows(command, count);
+  sample_count = new_count;
   return {count, new_count};
 }
 
@@ -88,10 +162,13 @@ std::size_t AppendableReferenceBuffer::Impl::HoldLastSampleTo(std::size_t target
   if (count >= target_samples) {
     return 0;
   }
-  // The store may move as it grows, so the held sample is copied out first.
-  const Eigen::RowVectorXd last_sample = positions.row(ToIndex(count - 1));
-  GrowStoreTo(positions, target_samples);
-  positions.bottomRows(ToIndex(target_samples - count)).rowwise() = last_sample;
+  // The store may move as it grows, and the ring may overwrite it, so the held sample is copied
+  // out first.
+  SampleMatrix last_sample(1, positions.cols());
+  ReadRows(count - 1, last_sample);
+  ReserveFor(target_samples);
+  WriteRows(last_sample.replicate(ToIndex(target_samples - count), 1), count);
+  sample_count = target_samples;
   return target_samples - count;
 }
 
@@ -102,6 +179,15 @@ AppendableReferenceBuffer::AppendableReferenceBuffer(std::optional<std::size_t> 
   impl_ = std::make_unique<Impl>();
   impl_->joint_count = joint_count;
   impl_->positions.resize(0, ToIndex(joint_count.value_or(0)));
+}
+
+AppendableReferenceBuffer::AppendableReferenceBuffer(std::optional<std::size_t> joint_count,
+                                                     std::size_t retention_samples)
+    : AppendableReferenceBuffer(joint_count) {
+  if (retention_samples == 0) {
+    throw std::invalid_argument("retention_samples must be positive.");
+  }
+  impl_->retention_samples = retention_samples;
 }
 
 AppendableReferenceBuffer::AppendableReferenceBuffer(AppendableReferenceBuffer&& other) noexcept =
@@ -160,15 +246,19 @@ ReferenceWindow AppendableReferenceBuffer::WindowWithTerminalPadding(std::size_t
   if (count <= start) {
     throw std::invalid_argument("Requested window starts beyond available samples.");
   }
+  if (start < impl_->FirstRetained()) {
+    throw std::invalid_argument("Requested window starts at sample " + std::to_string(start) +
+                                ", before the first retained sample " +
+                                std::to_string(impl_->FirstRetained()) + ".");
+  }
   // Rows [start, end) are stored samples; the rows after them repeat sample end - 1, which is
   // then the last stored sample.
   const std::size_t end = std::min(count, stop);
   ReferenceWindow window;
   window.positions.resize(ToIndex(stop - start), impl_->positions.cols());
-  window.positions.topRows(ToIndex(end - start)) =
-      impl_->positions.middleRows(ToIndex(start), ToIndex(end - start));
+  impl_->ReadRows(start, window.positions.topRows(ToIndex(end - start)));
   window.positions.bottomRows(ToIndex(stop - end)).rowwise() =
-      impl_->positions.row(ToIndex(end - 1));
+      window.positions.row(ToIndex(end - start - 1));
   window.terminal_padding_samples = stop - end;
   return window;
 }
@@ -194,7 +284,11 @@ bool AppendableReferenceBuffer::is_finished() const {
 
 SampleMatrix AppendableReferenceBuffer::PositionsCopy() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
-  return impl_->positions;
+  if (!impl_->retention_samples) return impl_->positions;
+  const std::size_t first = impl_->FirstRetained();
+  SampleMatrix retained(ToIndex(impl_->SampleCount() - first), impl_->positions.cols());
+  impl_->ReadRows(first, retained);
+  return retained;
 }
 
 }  // namespace corvane::control::window

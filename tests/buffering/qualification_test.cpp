@@ -1,5 +1,5 @@
-// The qualification report: exact figures on known histories, and the 0.99 quantile against a
-// full sort on random ones.
+// The qualification report: exact figures on known histories, and every figure against a plain
+// copy of long random histories, to the bit, whole or retained in part.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -24,7 +24,8 @@ using testing::Script;
 // ("" for a window without rows, which lasts no time at all).
 AsyncWindowBuffer BufferWithHistory(const std::vector<double>& compute_s,
                                     const std::vector<std::string>& duration_text,
-                                    std::size_t prefill_windows) {
+                                    std::size_t prefill_windows,
+                                    std::optional<std::size_t> retention = std::nullopt) {
   Script script;
   script.produce = [=](std::size_t i) {
     WindowPayload window = MakeWindow(0.0, i, duration_text[i].empty() ? 0 : 1);
@@ -33,7 +34,10 @@ AsyncWindowBuffer BufferWithHistory(const std::vector<double>& compute_s,
     return std::optional<WindowPayload>(window);
   };
   Recorded recorded(script);
-  AsyncWindowBuffer buffer(std::move(recorded.producer), prefill_windows);
+  AsyncWindowBuffer buffer = retention
+                                 ? AsyncWindowBuffer(std::move(recorded.producer), prefill_windows,
+                                                     std::nullopt, *retention)
+                                 : AsyncWindowBuffer(std::move(recorded.producer), prefill_windows);
   EXPECT_EQ(buffer.Prefill(compute_s.size()), compute_s.size());
   return buffer;
 }
@@ -92,26 +96,84 @@ TEST(QualificationTest, PrefillCreditDecidesTheUnderruns) {
   EXPECT_EQ(instant.underrun_windows, 0u);
 }
 
-// The quantile is found by selection; it must equal the interpolation over a full sort.
-TEST(QualificationTest, QuantileMatchesTheSortedDefinitionOnRandomHistories) {
-  std::mt19937_64 random(20261122);
-  std::uniform_real_distribution<double> compute(1.0, 100.0);
-  std::uniform_int_distribution<std::size_t> length(1, 2000);
-  for (int trial = 0; trial < 20; ++trial) {
-    std::vector<double> compute_s(trial < 3 ? static_cast<std::size_t>(trial + 1) : length(random));
-    for (double& value : compute_s) value = std::round(compute(random) * 8.0) / 8.0;  // ties too
-    const QualificationReport report =
-        BufferWithHistory(compute_s, std::vector<std::string>(compute_s.size(), "1"), 0)
-            .Qualify(1.0);
-    std::sort(compute_s.begin(), compute_s.end());
-    const double pos = 0.99 * static_cast<double>(compute_s.size() - 1);
-    const double frac = pos - std::floor(pos);
-    const double expected =
-        std::fma(compute_s[static_cast<std::size_t>(std::floor(pos))], 1.0 - frac,
-                 frac * compute_s[static_cast<std::size_t>(std::ceil(pos))]);
-    EXPECT_EQ(report.p99_compute_time_s, expected) << "history of " << compute_s.size();
-    EXPECT_EQ(report.max_compute_time_s, compute_s.back());
+// The report over a plain copy of the whole history, judging its last `reported` windows with
+// the margins that the whole history gives them.
+QualificationReport PlainReport(const std::vector<double>& comp, const std::vector<double>& dur,
+                                std::size_t prefill, double limit, std::size_t reported) {
+  QualificationReport report;
+  report.compute_fraction_limit = limit;
+  report.prefill_windows = prefill;
+  report.total_windows = reported;
+  if (reported == 0) return report;
+  const std::size_t skip = comp.size() - reported;
+  double credit = 0.0, played = 0.0, spent = 0.0;
+  for (std::size_t i = 0; i < std::min(prefill, comp.size()); ++i) credit += comp[i];
+  report.min_margin_s = std::numeric_limits<double>::infinity();
+  report.max_compute_time_s = comp[skip];
+  for (std::size_t i = 0; i < comp.size(); ++i) {
+    played += dur[i];
+    spent += comp[i];
+    if (i < skip) continue;
+    const double margin = (played + credit) - spent;
+    report.min_margin_s = std::min(report.min_margin_s, margin);
+    report.underrun_windows += margin < 0.0 ? 1 : 0;
+    report.qualified = report.qualified && limit >= comp[i] / dur[i];
+    report.max_compute_time_s = std::max(report.max_compute_time_s, comp[i]);
+    report.total_compute_time_s += comp[i];
   }
+  report.qualified = report.qualified && report.underrun_windows == 0;
+  std::vector<double> s(comp.begin() + static_cast<std::ptrdiff_t>(skip), comp.end());
+  std::sort(s.begin(), s.end());
+  const double pos = 0.99 * static_cast<double>(s.size() - 1);
+  const double frac = pos - std::floor(pos);
+  report.p99_compute_time_s = std::fma(s[static_cast<std::size_t>(std::floor(pos))], 1.0 - frac,
+                                       frac * s[static_cast<std::size_t>(std::ceil(pos))]);
+  return report;
+}
+
+// Histories across several statistics chunks, with ties, with and without a retention.
+TEST(QualificationTest, MatchesAPlainCopyOfTheHistoryToTheBit) {
+  std::mt19937_64 random(20261122);
+  std::uniform_real_distribution<double> compute(0.5, 1.5);
+  std::uniform_int_distribution<std::size_t> length(1, 15000);
+  for (int trial = 0; trial < 16; ++trial) {
+    const std::size_t n = trial < 3 ? static_cast<std::size_t>(trial + 1) : length(random);
+    const std::size_t prefill = random() % 20000;
+    const std::optional<std::size_t> retention =
+        trial % 2 == 0 ? std::nullopt : std::optional<std::size_t>(1 + random() % 5000);
+    std::vector<double> comp(n), dur(n);
+    std::vector<std::string> text(n);
+    for (std::size_t i = 0; i < n; ++i) {
+      comp[i] = std::round(compute(random) * 8.0) / 8.0;  // ties too
+      text[i] = std::to_string(compute(random));
+      dur[i] = std::stod(text[i]);
+    }
+    AsyncWindowBuffer buffer = BufferWithHistory(comp, text, prefill, retention);
+    const QualificationReport got = buffer.Qualify(1.2);
+    const QualificationReport want =
+        PlainReport(comp, dur, prefill, 1.2, std::min(n, retention.value_or(n)));
+    SCOPED_TRACE(::testing::Message() << "history of " << n << ", prefill " << prefill);
+    EXPECT_EQ(got.qualified, want.qualified);
+    EXPECT_EQ(got.prefill_windows, want.prefill_windows);
+    EXPECT_EQ(got.max_compute_time_s, want.max_compute_time_s);
+    EXPECT_EQ(got.p99_compute_time_s, want.p99_compute_time_s);
+    EXPECT_EQ(got.min_margin_s, want.min_margin_s);
+    EXPECT_EQ(got.underrun_windows, want.underrun_windows);
+    EXPECT_EQ(got.total_windows, want.total_windows);
+    EXPECT_EQ(got.total_compute_time_s, want.total_compute_time_s);
+    // The totals cover the whole life, whatever was retained.
+    const ProductionTotals totals = buffer.Totals();
+    EXPECT_EQ(totals.total_windows, n);
+    EXPECT_EQ(totals.total_compute_time_s, PlainReport(comp, dur, 0, 1.0, n).total_compute_time_s);
+    EXPECT_EQ(totals.max_compute_time_s, *std::max_element(comp.begin(), comp.end()));
+  }
+}
+
+TEST(QualificationTest, RefusesARetentionOfNoWindows) {
+  EXPECT_EQ(testing::MessageOf<std::invalid_argument>(
+                [] { AsyncWindowBuffer(Recorded().producer, 0, std::nullopt, 0); }),
+            "statistics_retention_windows must be positive.");
+  EXPECT_EQ(AsyncWindowBuffer(Recorded().producer).Totals().total_windows, 0u);
 }
 
 }  // namespace
