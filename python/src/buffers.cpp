@@ -21,6 +21,7 @@
 #include <window/async_buffer.hpp>
 
 #include "arrays.hpp"
+#include "collectable.hpp"
 #include "errors.hpp"
 #include "producers.hpp"
 #include "record_class.hpp"
@@ -116,26 +117,18 @@ BufferHolder<Buffer> MakeBuffer(const py::object& producer, Args... args) {
   return buffer;
 }
 
-// The C++ buffer of a buffer object (or of an instance of a Python subclass).
-py::detail::value_and_holder ValueAndHolder(PyObject* self) {
-  return *py::detail::values_and_holders(reinterpret_cast<py::detail::instance*>(self)).begin();
-}
-
-// The garbage collector's view of a buffer object: it holds its type and its producer.
+// The producer object that a buffer keeps alive.
 template <class Buffer>
-int VisitHeldObjects(PyObject* self, visitproc visit, void* arg) {
-  Py_VISIT(Py_TYPE(self));
-  const auto holder = ValueAndHolder(self);
-  if (!holder.holder_constructed()) return 0;
-  const auto tracked = LiveBuffers().find(holder.value_ptr<Buffer>());
-  if (tracked != LiveBuffers().end()) Py_VISIT(tracked->second.producer.ptr());
-  return 0;
+py::handle HeldProducer(const Buffer& buffer) {
+  const auto tracked = LiveBuffers().find(&buffer);
+  return tracked == LiveBuffers().end() ? py::handle() : tracked->second.producer;
 }
 
 // Breaks a reference cycle through a buffer object by deleting its buffer, as deallocation
 // would; the object is left without one.
 int DeleteHeldBuffer(PyObject* self) {
-  auto holder = ValueAndHolder(self);
+  auto holder =
+      *py::detail::values_and_holders(reinterpret_cast<py::detail::instance*>(self)).begin();
   if (!holder.holder_constructed()) return 0;
   if (holder.instance_registered()) {
     py::detail::deregister_instance(holder.inst, holder.value_ptr(), holder.type);
@@ -147,12 +140,8 @@ int DeleteHeldBuffer(PyObject* self) {
 }
 
 template <class Buffer>
-py::custom_type_setup Collectable() {
-  return py::custom_type_setup([](PyHeapTypeObject* heap_type) {
-    heap_type->ht_type.tp_flags |= Py_TPFLAGS_HAVE_GC;
-    heap_type->ht_type.tp_traverse = &VisitHeldObjects<Buffer>;
-    heap_type->ht_type.tp_clear = &DeleteHeldBuffer;
-  });
+py::custom_type_setup CollectableBuffer() {
+  return Collectable<Buffer, &HeldProducer<Buffer>>(&DeleteHeldBuffer);
 }
 
 void RequestStop(cw::AsyncWindowBuffer& buffer) {
@@ -251,7 +240,7 @@ void BindAsyncWindowBuffer(py::module_& module) {
       "optionally Prefill(), Start(), Pop() windows until IsComplete(). Pop, Join, Close, "
       "Prefill and deletion release the GIL while they wait; Ctrl-C interrupts the waits with "
       "KeyboardInterrupt and leaves the buffer usable.",
-      Collectable<Buffer>())
+      CollectableBuffer<Buffer>())
       .def(py::init(&MakeBuffer<Buffer, std::size_t, std::optional<std::size_t>>),
            py::arg("producer"), py::arg("prefill_windows") = 0,
            py::arg("max_buffered_windows") = py::none(),
@@ -305,20 +294,15 @@ void BindAppendableWindowBuffer(py::module_& module) {
       "buffer its producer reads, so that one object appends reference, ends the stream and "
       "pops windows. Stop() finishes the reference first, releasing a producer that waits for "
       "samples.",
-      Collectable<Buffer>())
+      CollectableBuffer<Buffer>())
       .def(py::init(&MakeBuffer<Buffer, std::shared_ptr<cw::AppendableReferenceBuffer>, std::size_t,
                                 std::optional<std::size_t>>),
            py::arg("producer"), py::arg("reference_buffer"), py::arg("prefill_windows") = 0,
            py::arg("max_buffered_windows") = py::none(),
            "Raises as AsyncWindowBuffer does, then ValueError for a None reference_buffer.")
-      .def(
-          "AppendReference",
-          [](Buffer& buffer, const py::handle& command) {
-            return buffer.AppendReference(SampleMatrixFrom(command, "command"));
-          },
-          py::arg("command"),
-          "AppendableReferenceBuffer.AppendReference on the buffer's reference; its errors "
-          "pass through.")
+      .def("AppendReference", &AppendCommand<Buffer>, py::arg("command"),
+           "AppendableReferenceBuffer.AppendReference on the buffer's reference; its errors "
+           "pass through.")
       .def("Finish", &Buffer::Finish,
            "Ends the reference stream; the worker serves the rest and then finishes.")
       .def("ReferencePositions", &Buffer::ReferencePositions,

@@ -56,7 +56,10 @@ void BindErrors(py::module_& module) {
   // Translators registered later are tried first, all of them before pybind11's own ones for
   // std::invalid_argument (ValueError) and std::runtime_error (RuntimeError).
   py::register_exception<native::InvalidArgumentError>(module, "InvalidArgumentError",
-                                                       PyExc_RuntimeError);
+                                                       PyExc_RuntimeError)
+      .attr("__doc__") =
+      "The library's invalid-argument error (a RuntimeError, not a ValueError): raised by the "
+      "task-space validators and by ShaperWindowProducer for a missing handle.";
   py::register_exception_translator([](std::exception_ptr raised) {
     try {
       if (raised) std::rethrow_exception(raised);

@@ -17,6 +17,7 @@
 
 #include <window/reference_buffer.hpp>
 
+#include "collectable.hpp"
 #include "errors.hpp"
 #include "waits.hpp"
 
@@ -214,8 +215,23 @@ std::unique_ptr<Interface> Adopt(const py::object& object, const char* parameter
   return std::make_unique<Adapter>(object);
 }
 
-// The lifted-MPC producer as Python builds it: it also notes the reference that it waits on for
-// its first sample, so that a wait there can be made interruptible.
+// The shaper producer as Python builds it: it also notes the handle object it drives, so that
+// the garbage collector sees that hold.
+class ShaperProducer final : public cw::ShaperWindowProducer {
+ public:
+  explicit ShaperProducer(const py::object& handle)
+      : ShaperWindowProducer(Adopt<OwnedHandle, cw::TrajectoryWindowHandle>(handle, "handle")),
+        handle_(handle) {}
+
+  static py::handle Held(const ShaperProducer& producer) { return producer.handle_; }
+
+ private:
+  py::handle handle_;  // kept alive by the base
+};
+
+// The lifted-MPC producer as Python builds it: it also notes the solver object it drives, for
+// the garbage collector, and the reference that it waits on for its first sample, so that a
+// wait there can be made interruptible.
 class LiftedMpcProducer final : public cw::AppendableLiftedMpcWindowProducer {
  public:
   LiftedMpcProducer(const py::object& solve_session,
@@ -225,15 +241,21 @@ class LiftedMpcProducer final : public cw::AppendableLiftedMpcWindowProducer {
       : AppendableLiftedMpcWindowProducer(
             Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(solve_session, "solve_session"),
             reference_buffer, apply_samples, lookahead_samples, sample_time_s, global_start_index),
+        solve_session_(solve_session),
         reference_buffer_(std::move(reference_buffer)) {}
 
+  static py::handle Held(const LiftedMpcProducer& producer) { return producer.solve_session_; }
   const std::shared_ptr<cw::AppendableReferenceBuffer>& reference_buffer() const {
     return reference_buffer_;
   }
 
  private:
+  py::handle solve_session_;  // kept alive by the base
   std::shared_ptr<cw::AppendableReferenceBuffer> reference_buffer_;
 };
+
+constexpr const char* kSubclassInit =
+    "A subclass's __init__ must call this one (super().__init__()).";
 
 // The docstring of an interface that Python subclasses implement.
 std::string InterfaceDoc(const char* summary) {
@@ -263,7 +285,7 @@ void BindProducerSession(py::module_& module) {
                    "exhausted, Finalize() until it returns None. Once a buffer has taken a "
                    "session, only the buffer calls it.")
           .c_str())
-      .def(py::init<>())
+      .def(py::init<>(), kSubclassInit)
       .def("PrepareSession", SessionMethod(&Session::PrepareSession),
            "Starts the session; called once, before any other operation.")
       .def("ProduceNext", SessionMethod(&Session::ProduceNext),
@@ -289,16 +311,13 @@ void BindShaperProducer(py::module_& module) {
                    "NextWindow() -> ShapedTrajectoryWindow | None, HasMoreWindows() -> bool, "
                    "Cancel(), Finalize().")
           .c_str())
-      .def(py::init<>());
-  py::class_<cw::ShaperWindowProducer, cw::WindowProducerSession>(
+      .def(py::init<>(), kSubclassInit);
+  py::class_<ShaperProducer, cw::WindowProducerSession>(
       module, "ShaperWindowProducer",
       "Pulls shaped windows from a TrajectoryWindowHandle, which it keeps alive, and turns each "
-      "into a WindowPayload whose metadata holds exactly \"is_tail\" (\"true\" or \"false\").")
-      .def(py::init([](const py::object& handle) {
-             return cw::ShaperWindowProducer(
-                 Adopt<OwnedHandle, cw::TrajectoryWindowHandle>(handle, "handle"));
-           }),
-           py::arg("handle"),
+      "into a WindowPayload whose metadata holds exactly \"is_tail\" (\"true\" or \"false\").",
+      Collectable<ShaperProducer, &ShaperProducer::Held>(nullptr))
+      .def(py::init<const py::object&>(), py::arg("handle"),
            "Takes the handle, which nobody else may use from then on. Raises "
            "InvalidArgumentError for None.");
 }
@@ -309,13 +328,14 @@ void BindLiftedMpcProducer(py::module_& module) {
       InterfaceDoc("A lifted-MPC solver: Prepare(), Solve(request: WindowSlice) -> "
                    "WindowPayload, Finalize(). The request is the solver's own copy.")
           .c_str())
-      .def(py::init<>());
+      .def(py::init<>(), kSubclassInit);
   py::class_<LiftedMpcProducer, cw::WindowProducerSession>(
       module, "AppendableLiftedMpcWindowProducer",
       "Runs a LiftedMpcSolveSession, which it keeps alive, over an AppendableReferenceBuffer that "
       "the caller keeps appending to, one apply window per ProduceNext call. When the caller has "
       "not yet appended enough reference, the last sample is held instead of waiting; only the "
-      "very first sample is waited for.")
+      "very first sample is waited for.",
+      Collectable<LiftedMpcProducer, &LiftedMpcProducer::Held>(nullptr))
       .def(py::init<const py::object&, std::shared_ptr<cw::AppendableReferenceBuffer>, std::size_t,
                     std::size_t, double, std::size_t>(),
            py::arg("solve_session"), py::arg("reference_buffer"), py::arg("apply_samples"),

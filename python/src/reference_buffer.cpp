@@ -1,10 +1,11 @@
 // AppendableReferenceBuffer, shared between Python, the lifted-MPC producer and the buffer.
 #include "reference_buffer.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 
-#include "arrays.hpp"
 #include "waits.hpp"
 
 namespace corvane::python {
@@ -62,16 +63,11 @@ void BindReferenceBuffer(py::module_& module) {
       .def(py::init(&MakeBuffer), py::arg("joint_count") = py::none(),
            "An empty, open buffer. joint_count, when given, fixes the column count now; "
            "otherwise the first non-empty append fixes it. Raises ValueError when it is 0.")
-      .def(
-          "AppendReference",
-          [](Buffer& buffer, const py::handle& command) {
-            return buffer.AppendReference(SampleMatrixFrom(command, "command"));
-          },
-          py::arg("command"),
-          "Appends the rows of `command` (rows, joints), or one sample given as a 1-D array, and "
-          "wakes waiters; returns the AppendedRange. An empty block changes nothing. Raises "
-          "ValueError for a block without columns, with a non-finite value or with the wrong "
-          "column count, and RuntimeError after Finish().")
+      .def("AppendReference", &AppendCommand<Buffer>, py::arg("command"),
+           "Appends the rows of `command` (rows, joints), or one sample given as a 1-D array, and "
+           "wakes waiters; returns the AppendedRange. An empty block changes nothing. Raises "
+           "ValueError for a block without columns, with a non-finite value or with the wrong "
+           "column count, and RuntimeError after Finish().")
       .def("Finish", &Buffer::Finish,
            "Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.")
       .def("ExtendHoldTo", &Buffer::ExtendHoldTo, py::arg("target_samples"),
