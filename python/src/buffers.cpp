@@ -124,24 +124,9 @@ py::handle HeldProducer(const Buffer& buffer) {
   return tracked == LiveBuffers().end() ? py::handle() : tracked->second.producer;
 }
 
-// Breaks a reference cycle through a buffer object by deleting its buffer, as deallocation
-// would; the object is left without one.
-int DeleteHeldBuffer(PyObject* self) {
-  auto holder =
-      *py::detail::values_and_holders(reinterpret_cast<py::detail::instance*>(self)).begin();
-  if (!holder.holder_constructed()) return 0;
-  if (holder.instance_registered()) {
-    py::detail::deregister_instance(holder.inst, holder.value_ptr(), holder.type);
-    holder.set_instance_registered(false);
-  }
-  holder.type->dealloc(holder);
-  holder.inst->owned = false;
-  return 0;
-}
-
 template <class Buffer>
 py::custom_type_setup CollectableBuffer() {
-  return Collectable<Buffer, &HeldProducer<Buffer>>(&DeleteHeldBuffer);
+  return Collectable<Buffer, &HeldProducer<Buffer>>(&DestroyValue);
 }
 
 void RequestStop(cw::AsyncWindowBuffer& buffer) {

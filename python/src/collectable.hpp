@@ -9,13 +9,30 @@
 
 namespace corvane::python {
 
-// The C++ object of an instance of a bound class or of a Python subclass of one; null before
-// __init__ has run and after a clear.
+// The C++ object and holder of an instance of a bound class or of a Python subclass of one.
+inline py::detail::value_and_holder ValueAndHolder(PyObject* self) {
+  return *py::detail::values_and_holders(reinterpret_cast<py::detail::instance*>(self)).begin();
+}
+
+// The C++ object of an instance; null before __init__ has run and after a clear.
 template <class Value>
 Value* ValueOf(PyObject* self) {
-  const auto holder =
-      *py::detail::values_and_holders(reinterpret_cast<py::detail::instance*>(self)).begin();
+  const py::detail::value_and_holder holder = ValueAndHolder(self);
   return holder.holder_constructed() ? holder.value_ptr<Value>() : nullptr;
+}
+
+// A clear that breaks a reference cycle through an instance by destroying its C++ object as
+// deallocation would; the instance is left without one.
+inline int DestroyValue(PyObject* self) {
+  py::detail::value_and_holder holder = ValueAndHolder(self);
+  if (!holder.holder_constructed()) return 0;
+  if (holder.instance_registered()) {
+    py::detail::deregister_instance(holder.inst, holder.value_ptr(), holder.type);
+    holder.set_instance_registered(false);
+  }
+  holder.type->dealloc(holder);
+  holder.inst->owned = false;
+  return 0;
 }
 
 // The type setup of a class whose instances hold the Python object Held(value); `clear` (or

@@ -54,14 +54,6 @@ def test_absent_optionals_are_none_both_ways(record, field, shape):
     assert getattr(value, field) is None
 
 
-def test_metadata_reads_as_a_copied_dict():
-    payload = cw.WindowPayload(metadata={"is_tail": "false"})
-    payload.metadata["lost"] = "yes"
-    assert payload.metadata == {"is_tail": "false"}
-    with pytest.raises(TypeError):
-        payload.metadata = {"count": 1}
-
-
 def test_keyword_construction_signature_and_repr():
     window = cw.TaskSpaceShapedWindow(stop_index=4)
     assert (window.start_index, window.stop_index, window.is_tail) == (0, 4, False)
