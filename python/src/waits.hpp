@@ -22,6 +22,7 @@
 
 namespace corvane::python {
 
+// The longest slice of a wait, and so about the longest that Ctrl-C waits for an answer.
 inline constexpr std::chrono::milliseconds kWaitSlice{50};
 
 // The end of a wait that began at construction: never for an absent limit.
