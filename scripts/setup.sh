@@ -3,10 +3,12 @@
 # nothing. Safe to run again.
 set -euo pipefail
 
-packages=(cmake g++ make libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox libmujoco-dev
+packages=(cmake g++ make libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox
+  libmujoco-dev
   clang libclang-rt-14-dev
   doxygen dpkg-dev file
-  pybind11-dev python3-dev python3-numpy python3-pytest python3-matplotlib)
+  pybind11-dev python3-dev python3-numpy python3-pytest python3-matplotlib
+  python3-setuptools python3-pip python3-venv)
 
 missing=()
 for package in "${packages[@]}"; do

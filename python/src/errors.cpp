@@ -1,4 +1,4 @@
-// InvalidArgumentError, the translation of carried Python exceptions, and time-outs.
+// InvalidArgumentError, the translation of carried Python exceptions, time-outs and waits.
 #include "errors.hpp"
 
 #include <datetime.h>
@@ -8,6 +8,8 @@
 #include <string>
 
 #include <native/error.hpp>
+
+#include "waits.hpp"
 
 namespace corvane::python {
 
@@ -35,11 +37,29 @@ void PythonException::Restore() const {
                 raised_->trace.inc_ref().ptr());
 }
 
+Deadline::Deadline(const Timeout& timeout) {
+  if (timeout.limit) end_ = std::chrono::steady_clock::now() + *timeout.limit;
+}
+
+std::chrono::nanoseconds Deadline::NextSlice() const {
+  if (!end_) return kWaitSlice;
+  return std::min<std::chrono::nanoseconds>(kWaitSlice, *end_ - std::chrono::steady_clock::now());
+}
+
+bool Deadline::Passed() const { return end_ && std::chrono::steady_clock::now() >= *end_; }
+
+void HandlePendingSignals() {
+  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+}
+
 void BindErrors(py::module_& module) {
   // Translators registered later are tried first, all of them before pybind11's own ones for
   // std::invalid_argument (ValueError) and std::runtime_error (RuntimeError).
   py::register_exception<native::InvalidArgumentError>(module, "InvalidArgumentError",
-                                                       PyExc_RuntimeError);
+                                                       PyExc_RuntimeError)
+      .attr("__doc__") =
+      "The library's invalid-argument error (a RuntimeError, not a ValueError): raised by the "
+      "task-space validators and by ShaperWindowProducer for a missing handle.";
   py::register_exception_translator([](std::exception_ptr raised) {
     try {
       if (raised) std::rethrow_exception(raised);

@@ -11,16 +11,22 @@
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include <window/reference_buffer.hpp>
 
+#include "collectable.hpp"
 #include "errors.hpp"
+#include "waits.hpp"
 
 namespace corvane::python {
 
 namespace {
+
+// Whether this thread is one that Python did not start and that has called Python code.
+thread_local bool on_worker_thread = false;
 
 // A thread that Python did not start, such as a buffer's worker, gets a Python thread state on
 // its first call into Python and keeps it until the thread ends; otherwise pybind11 would make
@@ -30,6 +36,7 @@ class KeptThreadState {
   // Needs no GIL; Python's own threads are left alone.
   KeptThreadState() : kept_(PyGILState_GetThisThreadState() == nullptr) {
     if (!kept_) return;
+    on_worker_thread = true;
     py::gil_scoped_acquire gil;
     gil.inc_ref();
   }
@@ -118,17 +125,34 @@ class PythonSolveSession final : public PythonOverrides<cw::LiftedMpcSolveSessio
   void Finalize() override { Call<void>("Finalize"); }
 };
 
-// Keeps a Python object, and with it the C++ object inside, alive; lets go of it with the GIL
-// held, from whichever thread deletes the owner.
+// The Python objects that an adapter holds for the library now; changed only with the GIL held.
+std::unordered_set<PyObject*>& TakenObjects() {
+  static std::unordered_set<PyObject*> taken;
+  return taken;
+}
+
+// Raises RuntimeError when the library holds `object`: only its owner may call it.
+void CheckNotTaken(py::handle object) {
+  if (TakenObjects().count(object.ptr()) != 0) {
+    throw std::runtime_error("This " + TypeName(object) +
+                             " belongs to a buffer or producer; only its owner may use it.");
+  }
+}
+
+// Keeps a Python object, and with it the C++ object inside, alive, and marks it as taken for
+// as long; lets go of it with the GIL held, from whichever thread deletes the owner.
 template <class Interface>
 class Owned {
  public:
-  explicit Owned(py::object object)
-      : target_(object.cast<Interface*>()), object_(std::move(object)) {}
+  explicit Owned(py::object object)  // needs the GIL
+      : target_(object.cast<Interface*>()), object_(std::move(object)) {
+    TakenObjects().insert(object_.ptr());
+  }
   Owned(const Owned&) = delete;
   Owned& operator=(const Owned&) = delete;
   ~Owned() {
     py::gil_scoped_acquire gil;
+    TakenObjects().erase(object_.ptr());
     object_ = py::object();
   }
 
@@ -187,8 +211,51 @@ std::unique_ptr<Interface> Adopt(const py::object& object, const char* parameter
                          std::string(py::str(py::type::of<Interface>().attr("__name__"))) +
                          ", not " + TypeName(object) + ".");
   }
+  CheckNotTaken(object);
   return std::make_unique<Adapter>(object);
 }
+
+// The shaper producer as Python builds it: it also notes the handle object it drives, so that
+// the garbage collector sees that hold.
+class ShaperProducer final : public cw::ShaperWindowProducer {
+ public:
+  explicit ShaperProducer(const py::object& handle)
+      : ShaperWindowProducer(Adopt<OwnedHandle, cw::TrajectoryWindowHandle>(handle, "handle")),
+        handle_(handle) {}
+
+  static py::handle Held(const ShaperProducer& producer) { return producer.handle_; }
+
+ private:
+  py::handle handle_;  // kept alive by the base
+};
+
+// The lifted-MPC producer as Python builds it: it also notes the solver object it drives, for
+// the garbage collector, and the reference that it waits on for its first sample, so that a
+// wait there can be made interruptible.
+class LiftedMpcProducer final : public cw::AppendableLiftedMpcWindowProducer {
+ public:
+  LiftedMpcProducer(const py::object& solve_session,
+                    std::shared_ptr<cw::AppendableReferenceBuffer> reference_buffer,
+                    std::size_t apply_samples, std::size_t lookahead_samples, double sample_time_s,
+                    std::size_t global_start_index)
+      : AppendableLiftedMpcWindowProducer(
+            Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(solve_session, "solve_session"),
+            reference_buffer, apply_samples, lookahead_samples, sample_time_s, global_start_index),
+        solve_session_(solve_session),
+        reference_buffer_(std::move(reference_buffer)) {}
+
+  static py::handle Held(const LiftedMpcProducer& producer) { return producer.solve_session_; }
+  const std::shared_ptr<cw::AppendableReferenceBuffer>& reference_buffer() const {
+    return reference_buffer_;
+  }
+
+ private:
+  py::handle solve_session_;  // kept alive by the base
+  std::shared_ptr<cw::AppendableReferenceBuffer> reference_buffer_;
+};
+
+constexpr const char* kSubclassInit =
+    "A subclass's __init__ must call this one (super().__init__()).";
 
 // The docstring of an interface that Python subclasses implement.
 std::string InterfaceDoc(const char* summary) {
@@ -197,24 +264,44 @@ std::string InterfaceDoc(const char* summary) {
          "with the GIL held. An exception they raise reaches the consumer's Pop as itself.";
 }
 
+// A session method as Python calls it: with the GIL released, unless a buffer owns the session.
+template <class Method>
+auto SessionMethod(Method method) {
+  return [method](py::handle self) {
+    CheckNotTaken(self);
+    auto& session = self.cast<cw::WindowProducerSession&>();
+    return WithoutGil([&] { return (session.*method)(); });
+  };
+}
+
 void BindProducerSession(py::module_& module) {
   using Session = cw::WindowProducerSession;
-  using Release = py::call_guard<py::gil_scoped_release>;
   py::class_<Session, PythonProducer>(
       module, "WindowProducerSession",
       InterfaceDoc("The source of windows for an AsyncWindowBuffer: PrepareSession(), "
                    "ProduceNext() -> WindowPayload | None, IsExhausted() -> bool, Finalize() -> "
-                   "WindowPayload | None.")
+                   "WindowPayload | None. PrepareSession() runs once; while IsExhausted() is "
+                   "false, ProduceNext() (None means nothing is ready yet, not the end); once "
+                   "exhausted, Finalize() until it returns None. Once a buffer has taken a "
+                   "session, only the buffer calls it.")
           .c_str())
-      .def(py::init<>())
-      .def("PrepareSession", &Session::PrepareSession, Release())
-      .def("ProduceNext", &Session::ProduceNext, Release())
-      .def("IsExhausted", &Session::IsExhausted)
-      .def("Finalize", &Session::Finalize, Release());
+      .def(py::init<>(), kSubclassInit)
+      .def("PrepareSession", SessionMethod(&Session::PrepareSession),
+           "Starts the session; called once, before any other operation.")
+      .def("ProduceNext", SessionMethod(&Session::ProduceNext),
+           "The next mainline window, or None when none is ready at this moment.")
+      .def("IsExhausted", SessionMethod(&Session::IsExhausted),
+           "True once no further mainline window will come.")
+      .def("Finalize", SessionMethod(&Session::Finalize),
+           "After exhaustion: the next final (tail) window, or None, which ends the session.");
   py::class_<cw::FiniteWindowProducer, Session>(
-      module, "FiniteWindowProducer", "Replays two lists of windows: the mainline, then the tail.")
+      module, "FiniteWindowProducer",
+      "Replays two fixed lists of precomputed windows: the mainline through ProduceNext, the tail "
+      "through Finalize. Every window handed out is a copy of the stored one.")
       .def(py::init<std::vector<cw::WindowPayload>, std::vector<cw::WindowPayload>>(),
-           py::arg("mainline"), py::arg("tail"));
+           py::arg("mainline"), py::arg("tail"),
+           "Validates every mainline window, then every tail window, in order; raises ValueError "
+           "(the validator's message) at the first invalid window.");
 }
 
 void BindShaperProducer(py::module_& module) {
@@ -224,15 +311,15 @@ void BindShaperProducer(py::module_& module) {
                    "NextWindow() -> ShapedTrajectoryWindow | None, HasMoreWindows() -> bool, "
                    "Cancel(), Finalize().")
           .c_str())
-      .def(py::init<>());
-  py::class_<cw::ShaperWindowProducer, cw::WindowProducerSession>(
+      .def(py::init<>(), kSubclassInit);
+  py::class_<ShaperProducer, cw::WindowProducerSession>(
       module, "ShaperWindowProducer",
-      "Pulls shaped windows from a TrajectoryWindowHandle, which it keeps alive.")
-      .def(py::init([](const py::object& handle) {
-             return cw::ShaperWindowProducer(
-                 Adopt<OwnedHandle, cw::TrajectoryWindowHandle>(handle, "handle"));
-           }),
-           py::arg("handle"));
+      "Pulls shaped windows from a TrajectoryWindowHandle, which it keeps alive, and turns each "
+      "into a WindowPayload whose metadata holds exactly \"is_tail\" (\"true\" or \"false\").",
+      Collectable<ShaperProducer, &ShaperProducer::Held>(nullptr))
+      .def(py::init<const py::object&>(), py::arg("handle"),
+           "Takes the handle, which nobody else may use from then on. Raises "
+           "InvalidArgumentError for None.");
 }
 
 void BindLiftedMpcProducer(py::module_& module) {
@@ -241,29 +328,39 @@ void BindLiftedMpcProducer(py::module_& module) {
       InterfaceDoc("A lifted-MPC solver: Prepare(), Solve(request: WindowSlice) -> "
                    "WindowPayload, Finalize(). The request is the solver's own copy.")
           .c_str())
-      .def(py::init<>());
-  py::class_<cw::AppendableLiftedMpcWindowProducer, cw::WindowProducerSession>(
+      .def(py::init<>(), kSubclassInit);
+  py::class_<LiftedMpcProducer, cw::WindowProducerSession>(
       module, "AppendableLiftedMpcWindowProducer",
-      "Runs a LiftedMpcSolveSession, which it keeps alive, over an AppendableReferenceBuffer.")
-      .def(
-          py::init([](const py::object& solve_session,
-                      std::shared_ptr<cw::AppendableReferenceBuffer> reference_buffer,
-                      std::size_t apply_samples, std::size_t lookahead_samples,
-                      double sample_time_s, std::size_t global_start_index) {
-            return cw::AppendableLiftedMpcWindowProducer(
-                Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(solve_session, "solve_session"),
-                std::move(reference_buffer), apply_samples, lookahead_samples, sample_time_s,
-                global_start_index);
-          }),
-          py::arg("solve_session"), py::arg("reference_buffer"), py::arg("apply_samples"),
-          py::arg("lookahead_samples"), py::arg("sample_time_s"), py::arg("global_start_index"));
+      "Runs a LiftedMpcSolveSession, which it keeps alive, over an AppendableReferenceBuffer that "
+      "the caller keeps appending to, one apply window per ProduceNext call. When the caller has "
+      "not yet appended enough reference, the last sample is held instead of waiting; only the "
+      "very first sample is waited for.",
+      Collectable<LiftedMpcProducer, &LiftedMpcProducer::Held>(nullptr))
+      .def(py::init<const py::object&, std::shared_ptr<cw::AppendableReferenceBuffer>, std::size_t,
+                    std::size_t, double, std::size_t>(),
+           py::arg("solve_session"), py::arg("reference_buffer"), py::arg("apply_samples"),
+           py::arg("lookahead_samples"), py::arg("sample_time_s"), py::arg("global_start_index"),
+           "apply_samples: rows applied per window, 1 to lookahead_samples. lookahead_samples: "
+           "rows of reference handed to the solver per request. sample_time_s: [s] sample "
+           "period, finite and positive. global_start_index: global index of reference sample 0. "
+           "Takes the solver, which nobody else may use from then on. Raises ValueError for "
+           "None, then a bad apply/lookahead pair, then a bad sample period.");
 }
 
 }  // namespace
 
-std::unique_ptr<cw::WindowProducerSession> AdoptProducer(const py::object& producer) {
-  return Adopt<OwnedProducer, cw::WindowProducerSession>(producer, "producer");
+AdoptedProducer AdoptProducer(const py::object& producer) {
+  AdoptedProducer adopted{Adopt<OwnedProducer, cw::WindowProducerSession>(producer, "producer"),
+                          producer, nullptr};
+  if (const auto* lifted = py::isinstance<LiftedMpcProducer>(producer)
+                               ? &producer.cast<const LiftedMpcProducer&>()
+                               : nullptr) {
+    adopted.first_sample_source = lifted->reference_buffer();
+  }
+  return adopted;
 }
+
+bool IsWorkerThread() { return on_worker_thread; }
 
 void BindProducers(py::module_& module) {
   BindProducerSession(module);

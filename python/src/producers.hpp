@@ -4,15 +4,29 @@
 #include <memory>
 
 #include <window/producers.hpp>
+#include <window/reference_buffer.hpp>
 
 #include "module.hpp"
 
 namespace corvane::python {
 
+// A producer handed to a buffer, with what the module needs to know about it.
+struct AdoptedProducer {
+  std::unique_ptr<cw::WindowProducerSession> producer;  // null for None
+  py::handle object;  // the producer's Python object, kept alive by `producer`
+  // The reference that a lifted-MPC producer waits on for its first sample; otherwise null.
+  std::shared_ptr<cw::AppendableReferenceBuffer> first_sample_source;
+};
+
 // The producer for a buffer: None becomes a null pointer, which the buffer refuses with its own
 // message; anything else must be a WindowProducerSession (a Python subclass or one of the
 // library's producers), whose Python object the result keeps alive for as long as the library
-// holds it. Raises TypeError for any other object.
-std::unique_ptr<cw::WindowProducerSession> AdoptProducer(const py::object& producer);
+// holds it. From then on the object belongs to the library: adopting it again, or calling its
+// methods from Python, raises RuntimeError. Raises TypeError for any other object. Needs the GIL.
+AdoptedProducer AdoptProducer(const py::object& producer);
+
+// Whether the calling thread is one that Python did not start (a buffer's worker) and that has
+// called Python code through the module.
+bool IsWorkerThread();
 
 }  // namespace corvane::python

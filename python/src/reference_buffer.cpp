@@ -1,36 +1,90 @@
 // AppendableReferenceBuffer, shared between Python, the lifted-MPC producer and the buffer.
+#include "reference_buffer.hpp"
+
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <optional>
 
-#include <window/reference_buffer.hpp>
-
-#include "errors.hpp"
+#include "waits.hpp"
 
 namespace corvane::python {
 
+namespace {
+
+using Buffer = cw::AppendableReferenceBuffer;
+
+// The reference buffers made from Python; changed only with the GIL held.
+std::vector<std::weak_ptr<Buffer>>& MadeBuffers() {
+  static std::vector<std::weak_ptr<Buffer>> made;
+  return made;
+}
+
+std::shared_ptr<Buffer> MakeBuffer(std::optional<std::size_t> joint_count) {
+  auto buffer = std::make_shared<Buffer>(joint_count);
+  std::vector<std::weak_ptr<Buffer>>& made = MadeBuffers();
+  made.erase(std::remove_if(made.begin(), made.end(),
+                            [](const std::weak_ptr<Buffer>& known) { return known.expired(); }),
+             made.end());
+  made.push_back(buffer);
+  return buffer;
+}
+
+}  // namespace
+
+bool WaitForSamples(Buffer& reference, std::size_t count, const Timeout& timeout) {
+  const Deadline deadline(timeout);
+  return UntilDone([&]() -> std::optional<bool> {
+    if (reference.WaitUntilSamples(count, deadline.NextSlice())) return true;
+    // Finished, or out of time: one last look, as a wait would take at its end.
+    if (deadline.Passed() || reference.is_finished()) {
+      return reference.WaitUntilSamples(count, std::chrono::nanoseconds::zero());
+    }
+    return std::nullopt;
+  });
+}
+
+std::vector<std::shared_ptr<Buffer>> LiveReferenceBuffers() {
+  std::vector<std::shared_ptr<Buffer>> live;
+  for (const std::weak_ptr<Buffer>& made : MadeBuffers()) {
+    if (std::shared_ptr<Buffer> buffer = made.lock()) live.push_back(std::move(buffer));
+  }
+  return live;
+}
+
 void BindReferenceBuffer(py::module_& module) {
-  using Buffer = cw::AppendableReferenceBuffer;
   py::class_<Buffer, std::shared_ptr<Buffer>>(
       module, "AppendableReferenceBuffer",
-      "The thread-safe, growing store of reference samples (one row per sample) for streaming.")
-      .def(py::init<std::optional<std::size_t>>(), py::arg("joint_count") = py::none())
-      .def("AppendReference", &Buffer::AppendReference, py::arg("command"))
-      .def("Finish", &Buffer::Finish)
-      .def("ExtendHoldTo", &Buffer::ExtendHoldTo, py::arg("target_samples"))
+      "The thread-safe, growing store of reference samples for streaming. The caller appends "
+      "blocks of samples (one row per sample, one column per joint) while the system runs and "
+      "finally calls Finish(); sample i is row i of the store, and a stored row never changes. "
+      "Shared by the caller, the lifted-MPC producer and the AppendableWindowBuffer; every "
+      "method may be called from any thread.")
+      .def(py::init(&MakeBuffer), py::arg("joint_count") = py::none(),
+           "An empty, open buffer. joint_count, when given, fixes the column count now; "
+           "otherwise the first non-empty append fixes it. Raises ValueError when it is 0.")
+      .def("AppendReference", &AppendCommand<Buffer>, py::arg("command"),
+           "Appends the rows of `command` (rows, joints), or one sample given as a 1-D array, and "
+           "wakes waiters; returns the AppendedRange. An empty block changes nothing. Raises "
+           "ValueError for a block without columns, with a non-finite value or with the wrong "
+           "column count, and RuntimeError after Finish().")
+      .def("Finish", &Buffer::Finish,
+           "Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.")
+      .def("ExtendHoldTo", &Buffer::ExtendHoldTo, py::arg("target_samples"),
+           "Repeats the last sample until target_samples are stored; returns how many were "
+           "added. Allowed after Finish(). Raises ValueError before the first sample.")
       .def("WindowWithTerminalPadding", &Buffer::WindowWithTerminalPadding, py::arg("start"),
-           py::arg("stop"))
-      .def(
-          "WaitUntilSamples",
-          [](Buffer& buffer, std::size_t count, const Timeout& timeout) {
-            return buffer.WaitUntilSamples(count, timeout.limit);
-          },
-          py::arg("count"), py::arg("timeout") = py::none(),
-          py::call_guard<py::gil_scoped_release>(),
-          "Waits (with the GIL released) until `count` samples are stored or the stream is "
-          "finished; returns whether they are stored.")
-      .def("available_samples", &Buffer::available_samples)
-      .def("is_finished", &Buffer::is_finished)
-      .def("PositionsCopy", &Buffer::PositionsCopy);
+           py::arg("stop"),
+           "A ReferenceWindow copying samples [start, stop); rows past the stored samples repeat "
+           "the last one. Raises ValueError when start >= stop or start is not a stored sample.")
+      .def("WaitUntilSamples", &WaitForSamples, py::arg("count"), py::arg("timeout") = py::none(),
+           "Waits, with the GIL released, until at least `count` samples are stored, the stream "
+           "is finished, or the time-out (seconds or timedelta; None: no limit) passes; returns "
+           "whether `count` samples are stored. Ctrl-C raises KeyboardInterrupt.")
+      .def("available_samples", &Buffer::available_samples,
+           "Number of samples stored, held samples included.")
+      .def("is_finished", &Buffer::is_finished, "Whether Finish() has been called.")
+      .def("PositionsCopy", &Buffer::PositionsCopy, "A copy of every stored sample.");
 }
 
 }  // namespace corvane::python

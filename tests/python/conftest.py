@@ -1,6 +1,8 @@
-"""Shared guard of the corvane_window tests."""
+"""Shared guards of the corvane_window tests."""
 import faulthandler
+import subprocess
 import sys
+import textwrap
 
 import pytest
 
@@ -14,3 +16,13 @@ def hang_guard():
     faulthandler.dump_traceback_later(30, exit=True, file=sys.__stderr__)
     yield
     faulthandler.cancel_dump_traceback_later()
+
+
+def run_python(*parts):
+    """Runs the script `parts` in a new interpreter that must end within WAIT_S; returns its
+    output."""
+    script = "\n".join(textwrap.dedent(part) for part in ("import corvane_window as cw",) + parts)
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                          timeout=WAIT_S)
+    assert done.returncode == 0, done.stderr
+    return done.stdout

@@ -1,33 +1,48 @@
-"""Records at the boundary: arrays as read-only copies, optionals as None, metadata as dicts."""
+"""Records at the boundary: array conversions and views, optionals, keywords, repr and stubs."""
+import ast
+import gc
+import inspect
+import pathlib
+import weakref
+
 import numpy as np
 import pytest
 
 import corvane_window as cw
 
 
-def test_array_fields_read_as_fresh_read_only_copies():
+def test_array_fields_read_as_read_only_views_that_keep_their_record():
     source = np.arange(6.0).reshape(3, 2)
     payload = cw.WindowPayload(positions=source)
-    source[0, 0] = 99.0  # the record holds its own copy
+    source[0, 0] = 99.0  # assignment copies
     first, second = payload.positions, payload.positions
-    assert first.dtype == np.float64 and first.shape == (3, 2) and first.flags.c_contiguous
-    assert first[0, 0] == 0.0 and not np.shares_memory(first, second)
+    assert first.dtype == np.float64 and first.flags.c_contiguous and first[0, 0] == 0.0
+    assert np.shares_memory(first, second)
     with pytest.raises(ValueError, match="read-only"):
         first[0, 0] = 1.0
+    payload.positions = np.ones((1, 2))  # the view keeps showing the values it showed
+    alive = weakref.ref(payload)
+    del payload, second
+    gc.collect()
+    assert alive() is not None and first.tolist() == [[0.0, 1.0], [2.0, 3.0], [4.0, 5.0]]
+    del first
+    assert alive() is None
 
 
-def test_assignment_converts_any_layout_and_dtype():
-    window = cw.ShapedTrajectoryWindow()
-    window.positions = np.asfortranarray(np.arange(6).reshape(2, 3))
-    window.time_s = [0, 1]
-    assert np.array_equal(window.positions, [[0, 1, 2], [3, 4, 5]])
-    assert window.positions.flags.c_contiguous and window.time_s.dtype == np.float64
-    assert window.time_s.shape == (2,)
+@pytest.mark.parametrize("make, shape", [
+    (lambda value: cw.WindowPayload(positions=value).positions, (1, 3)),
+    (lambda value: cw.TrajectoryWindow(command=np.asfortranarray([value, value])).command, (2, 3)),
+    (lambda value: cw.WindowSlice(time_s=np.reshape(value, (3, 1))).time_s, (3,)),
+    (lambda value: cw.AppendableWindowBuffer(cw.FiniteWindowProducer([], []),
+                                             reference := cw.AppendableReferenceBuffer())
+     .AppendReference(value) and reference.PositionsCopy(), (1, 3))])
+def test_one_dimensional_arrays_are_one_sample(make, shape):
+    array = make([1, 2, 3])
+    assert array.shape == shape and array.dtype == np.float64 and array.flags.c_contiguous
 
 
 @pytest.mark.parametrize("record, field, shape", [
-    (cw.WindowSlice, "velocities", (2, 3)), (cw.WindowPayload, "accelerations", (2, 3)),
-    (cw.WindowPayload, "time_s", (2,)),
+    (cw.WindowSlice, "velocities", (2, 3)), (cw.WindowPayload, "time_s", (2,)),
     (cw.TrajectoryWindow, "vibration_shaping_weight_profile", (2,)),
     (cw.TaskSpaceShapedTrajectory, "orientations", (2, 4))])
 def test_absent_optionals_are_none_both_ways(record, field, shape):
@@ -39,19 +54,21 @@ def test_absent_optionals_are_none_both_ways(record, field, shape):
     assert getattr(value, field) is None
 
 
-def test_metadata_reads_as_a_copied_dict():
-    payload = cw.WindowPayload(metadata={"is_tail": "false"})
-    payload.metadata["lost"] = "yes"
-    assert payload.metadata == {"is_tail": "false"}
-    with pytest.raises(TypeError):
-        payload.metadata = {"count": 1}
-
-
-def test_keyword_construction_defaults_and_unknown_fields():
+def test_keyword_construction_signature_and_repr():
     window = cw.TaskSpaceShapedWindow(stop_index=4)
-    assert (window.start_index, window.stop_index, window.is_tail, window.compute_time_s) == \
-        (0, 4, False, 0.0)
+    assert (window.start_index, window.stop_index, window.is_tail) == (0, 4, False)
     window.trajectory.positions = np.zeros((4, 3))  # a nested record is a view into its parent
     assert window.trajectory.positions.shape == (4, 3)
-    with pytest.raises(AttributeError):
-        cw.WindowPayload(position=np.zeros((1, 1)))
+    parameters = inspect.signature(cw.AppendedRange).parameters
+    assert list(parameters) == ["start_index", "stop_index"]
+    assert all(p.kind is p.KEYWORD_ONLY and p.default == 0 for p in parameters.values())
+    assert repr(cw.WindowPayload(positions=[[1.0, -2.0]], stop_index=1)) == (
+        "WindowPayload(positions=array(1, 2) in [-2, 1], velocities=None, accelerations=None, "
+        "time_s=None, start_index=0, stop_index=1, compute_time_s=0.0, metadata={})")
+
+
+def test_version_and_stubs_beside_the_module():
+    assert cw.__version__.count(".") == 2
+    stubs = ast.parse((pathlib.Path(cw.__file__).parent / "corvane_window.pyi").read_text())
+    stubbed = {node.name for node in stubs.body if hasattr(node, "name")}
+    assert {name for name in dir(cw) if not name.startswith("_")} <= stubbed
