@@ -8,7 +8,7 @@ packages=(cmake g++ make libeigen3-dev libgtest-dev libgmock-dev libbenchmark-de
   clang libclang-rt-14-dev
   doxygen dpkg-dev file
   pybind11-dev python3-dev python3-numpy python3-pytest python3-matplotlib
-  python3-setuptools python3-pip python3-venv)
+  python3-setuptools python3-wheel python3-pip python3-venv)
 
 missing=()
 for package in "${packages[@]}"; do

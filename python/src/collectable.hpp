@@ -2,7 +2,8 @@
 //
 // The collector finds reference cycles by asking each object which objects it holds. A C++
 // object that keeps a Python object alive (a buffer its producer, a producer its solver) must
-// answer for that hold, or a cycle through it is never collected.
+// answer for that hold, or a cycle through it is never collected. The instance access below
+// goes through pybind11's own instance layout (pybind11/detail), as its holders need.
 #pragma once
 
 #include "module.hpp"

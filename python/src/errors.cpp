@@ -1,4 +1,4 @@
-// InvalidArgumentError, the translation of carried Python exceptions, time-outs and waits.
+// InvalidArgumentError, the translation of carried Python exceptions, and time-outs.
 #include "errors.hpp"
 
 #include <datetime.h>
@@ -8,8 +8,6 @@
 #include <string>
 
 #include <native/error.hpp>
-
-#include "waits.hpp"
 
 namespace corvane::python {
 
@@ -35,21 +33,6 @@ PythonException::PythonException(py::error_already_set& error)
 void PythonException::Restore() const {
   PyErr_Restore(raised_->type.inc_ref().ptr(), raised_->value.inc_ref().ptr(),
                 raised_->trace.inc_ref().ptr());
-}
-
-Deadline::Deadline(const Timeout& timeout) {
-  if (timeout.limit) end_ = std::chrono::steady_clock::now() + *timeout.limit;
-}
-
-std::chrono::nanoseconds Deadline::NextSlice() const {
-  if (!end_) return kWaitSlice;
-  return std::min<std::chrono::nanoseconds>(kWaitSlice, *end_ - std::chrono::steady_clock::now());
-}
-
-bool Deadline::Passed() const { return end_ && std::chrono::steady_clock::now() >= *end_; }
-
-void HandlePendingSignals() {
-  if (PyErr_CheckSignals() != 0) throw py::error_already_set();
 }
 
 void BindErrors(py::module_& module) {

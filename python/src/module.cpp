@@ -15,8 +15,7 @@ PYBIND11_MODULE(corvane_window, module) {
       "std::runtime_error as RuntimeError and corvane::native::InvalidArgumentError as "
       "InvalidArgumentError (a RuntimeError). An exception raised by Python code that the "
       "library called (a solver, a handle, a producer) reaches the caller as itself. Blocking "
-      "calls "
-      "release the GIL, and Ctrl-C interrupts them with KeyboardInterrupt.";
+      "calls release the GIL, and Ctrl-C interrupts them with KeyboardInterrupt.";
   module.attr("__version__") = CORVANE_VERSION;
   corvane::python::BindErrors(module);
   corvane::python::BindRecords(module);

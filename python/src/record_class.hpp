@@ -64,7 +64,7 @@ class RecordClass : public py::class_<Record> {
                 return std::move(record).cast<Record>();
               }),
               "Takes any of the fields as keyword arguments; the others keep their defaults.");
-    this->def("__repr__", &RecordSteps::Repr);
+    this->def("__repr__", &RecordSteps::Repr, "Name(field=value, ...), arrays as shape and range.");
   }
 
   // Binds the field `name`; `doc` gives its unit and meaning.

@@ -126,25 +126,6 @@ def test_a_producer_or_solver_that_refers_to_its_buffer_is_collected(referrer):
     assert alive() is None
 
 
-def test_collection_on_the_worker_deletes_its_buffer_elsewhere():
-    run_python("""
-        import gc, threading
-        released, collected = threading.Event(), threading.Event()
-        class Collecting(cw.WindowProducerSession):
-            PrepareSession = Finalize = IsExhausted = lambda self: False
-            def ProduceNext(self):
-                released.wait(5)
-                gc.collect()  # on the worker: drops the last reference to the buffer
-                collected.set()
-        cycle = [cw.AsyncWindowBuffer(Collecting())]
-        cycle.append(cycle)
-        cycle[0].Start()
-        del cycle
-        released.set()
-        assert collected.wait(5)
-        """)
-
-
 SOLVER = """
     import threading
     prepared = threading.Event()
@@ -159,8 +140,8 @@ SOLVER = """
     """
 
 
-def test_ctrl_c_interrupts_every_blocking_call_and_leaves_it_usable():
-    latencies = run_python(SOLVER, """
+@pytest.mark.parametrize("script", [
+    """
         import os, signal, time
         def interrupted(call):  # Ctrl-C once the call has had time to block
             threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT)).start()
@@ -183,28 +164,42 @@ def test_ctrl_c_interrupts_every_blocking_call_and_leaves_it_usable():
         latencies += [interrupted(plain.Join), interrupted(plain.Close)]
         reference.Finish()
         plain.Close()
-        print(*latencies)
-        """).split()
-    assert len(latencies) == 5 and "None" not in latencies
-
-
-@pytest.mark.parametrize("parts", [
-    (SOLVER, """
+        assert None not in latencies, latencies
+        """,
+    """
+        import gc
+        released, collected = threading.Event(), threading.Event()
+        class Collecting(cw.WindowProducerSession):
+            PrepareSession = Finalize = IsExhausted = lambda self: False
+            def ProduceNext(self):
+                released.wait(5)
+                gc.collect()  # on the worker: drops the last reference to the buffer
+                collected.set()
+        cycle = [cw.AsyncWindowBuffer(Collecting())]
+        cycle.append(cycle)
+        cycle[0].Start()
+        del cycle
+        released.set()
+        assert collected.wait(5)
+        """,
+    """
         reference, buffer = waiting(cw.AppendableWindowBuffer)
         buffer.AppendReference([0.0])  # the stream stays open: the worker holds and solves on
         buffer.Start()
         assert buffer.Pop(5.0) is not None
-        """),
-    (SOLVER, """
+        """,
+    """
         reference, buffer = waiting(None)  # Stop() cannot end its wait; exit finishes the reference
         buffer.Start()
         assert prepared.wait(5) and not buffer.Join(0.1)  # time to reach the wait, or to stop
-        """),
-    ("""
-        import threading
+        """,
+    """
         buffer, popping = cw.AsyncWindowBuffer(cw.FiniteWindowProducer([], [])), threading.Event()
         threading.Thread(target=lambda: popping.set() or buffer.Pop(), daemon=True).start()
         assert popping.wait(5)
-        """,)], ids=["worker in Python", "waiting for a first sample", "daemon thread in Pop"])
-def test_python_exits_cleanly(parts):
-    run_python(*parts)
+        """], ids=["Ctrl-C interrupts blocking calls and leaves them usable",
+                   "collection on the worker deletes its buffer elsewhere",
+                   "exit while the worker runs Python", "exit while it waits for a first sample",
+                   "exit with a daemon thread in Pop"])
+def test_script_ends_cleanly(script):
+    run_python(SOLVER, script)
