@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <cstddef>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <Eigen/QR>
+#include <unsupported/Eigen/FFT>
 
 namespace corvane::control::engines {
 
@@ -45,22 +48,18 @@ void CheckRecording(const Eigen::VectorXd& samples, double sample_rate_hz) {
 }
 
 // [rad/s] the frequency of the strongest spectral line of the samples less their mean: the
-// discrete-time Fourier transform scanned at a quarter of the bin spacing.
+// peak of their spectrum, zero-padded to four times the length for a quarter-bin resolution.
 double SpectralPeak(const Eigen::VectorXd& x, double sample_rate_hz) {
-  const Eigen::VectorXd centred = x.array() - x.mean();
-  const Eigen::Index n = x.size();
-  double best_power = -1.0, best = 0.0;
-  for (Eigen::Index line = 1; line < 2 * n; ++line) {
-    const double w = kPi * static_cast<double>(line) / static_cast<double>(2 * n);  // [rad/sample]
-    const std::complex<double> turn = std::polar(1.0, -w);
-    std::complex<double> phasor = 1.0, sum = 0.0;
-    for (Eigen::Index k = 0; k < n; ++k, phasor *= turn) sum += centred(k) * phasor;
-    if (std::norm(sum) > best_power) {
-      best_power = std::norm(sum);
-      best = w;
-    }
+  const auto n = static_cast<std::size_t>(x.size());
+  std::vector<double> padded(4 * n, 0.0);
+  for (std::size_t k = 0; k < n; ++k) padded[k] = x(static_cast<Eigen::Index>(k)) - x.mean();
+  std::vector<std::complex<double>> spectrum;
+  Eigen::FFT<double>().fwd(spectrum, padded);
+  std::size_t peak = 1;
+  for (std::size_t line = 1; line < 2 * n; ++line) {
+    if (std::norm(spectrum[line]) > std::norm(spectrum[peak])) peak = line;
   }
-  return best * sample_rate_hz;
+  return 2.0 * kPi * static_cast<double>(peak) / static_cast<double>(4 * n) * sample_rate_hz;
 }
 
 // Columns exp(-decay t) cos(w t), exp(-decay t) sin(w t), 1 of the model at times t.

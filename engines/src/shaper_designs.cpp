@@ -203,32 +203,40 @@ void SeedFrequencies(const HumpLayout& layout, HumpUnknowns& u) {
   nearest(below_min, above_min, layout.side_zeros, u.zeros);
 }
 
+// The design of `layout` for the mode, started from the undamped closed-form amplitudes at
+// impulses half a period apart and followed in steps of 0.02 of damping ratio. Throws
+// std::domain_error naming the design when the continuation loses it: no solution, or one with
+// an amplitude that is not positive or impulses out of order.
 ImpulseSequence HumpShaper(const VibrationMode& mode, double tolerance, const HumpLayout& layout,
                            std::vector<double> undamped_amplitudes, const char* name) {
+  const auto lost = [name] {
+    return std::domain_error(std::string("No ") + name +
+                             " shaper exists for this damping ratio and vibration tolerance.");
+  };
   HumpUnknowns seed{std::move(undamped_amplitudes), {}, {}, {}};
-  for (std::size_t i = 0; i < layout.impulses; ++i)
+  for (std::size_t i = 0; i < layout.impulses; ++i) {
     seed.times.push_back(kPi * static_cast<double>(i));
+  }
   SeedFrequencies(layout, seed);
+  if (seed.humps.size() + seed.zeros.size() != 2 * (layout.side_humps + layout.side_zeros)) {
+    throw lost();
+  }
   Eigen::VectorXd x = Pack(seed);
   const double z = mode.damping_ratio;
   const int steps = std::max(1, static_cast<int>(std::ceil(z / 0.02)));
-  bool solved = true;
-  for (int step = 0; step <= steps && solved; ++step) {
-    solved = SolveHumps(layout, x, z * step / steps, tolerance);
+  for (int step = 0; step <= steps; ++step) {
+    if (!SolveHumps(layout, x, z * step / steps, tolerance)) throw lost();
   }
   const HumpUnknowns u = Unpack(layout, x);
   const bool positive =
       std::all_of(u.amplitudes.begin(), u.amplitudes.end(), [](double a) { return a > 0.0; });
   const bool increasing =
       std::adjacent_find(u.times.begin(), u.times.end(), std::greater_equal<>()) == u.times.end();
-  if (!solved || !positive || !increasing ||
-      u.humps.size() + u.zeros.size() != 2 * (layout.side_humps + layout.side_zeros)) {
-    throw std::domain_error(std::string("No ") + name +
-                            " shaper exists for this damping ratio and vibration tolerance.");
-  }
+  if (!positive || !increasing) throw lost();
   ImpulseSequence shaper{u.amplitudes, {}};
-  for (const double t : u.times)
+  for (const double t : u.times) {
     shaper.times_s.push_back(t / (2.0 * kPi * mode.natural_frequency_hz));
+  }
   return shaper;
 }
 

@@ -32,12 +32,12 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   // Forgets the history, so that the next request starts the reference at its first row, and
   // prepares the wrapped solver.
   void Prepare() override;
-  // Shapes the request's positions and solves the shaped request, which keeps the request's
-  // range and metadata but no velocities or accelerations, with the wrapped solver; its answer
-  // comes back unchanged. Throws std::invalid_argument when "apply_samples" is not a
-  // count from 1 to the request rows, when the request does not start where the history ends
-  // (or where the previous request started), or when the joint count changes.
-  // The wrapped solver's exceptions pass through, and a failed solve keeps no history.
+  // Shapes the request's positions and solves the shaped request (the request's range and
+  // metadata, no velocities or accelerations) with the wrapped solver, whose answer comes back
+  // unchanged. Throws std::invalid_argument when "apply_samples" is not a count from 1 to the
+  // request rows, when the request does not start where the history ends (or where the previous
+  // request started), or when the joint count changes. The wrapped solver's exceptions pass
+  // through, and a failed solve keeps no history.
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
   // Finalizes the wrapped solver.
   void Finalize() override;
