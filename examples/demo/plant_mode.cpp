@@ -62,12 +62,8 @@ void PrintMode(const cp::ArmMode& mode) {
 
 void PrintMoves(const cp::PlantRun& unshaped, const cp::ShaperTrial& tuned) {
   std::printf(
-      "\nEach move, unshaped and shaped with %s (vibration fitted from %.2f s after the move)\n",
-      cs::ShaperName(tuned.kind),
-      static_cast<double>(unshaped.moves.front().residual_span.first -
-                          unshaped.stream.moves.front().first -
-                          unshaped.stream.moves.front().count) *
-          cp::kSampleTimeS);
+      "\nEach move, unshaped and shaped with %s (vibration fitted %.2f s to %.2f s after it)\n",
+      cs::ShaperName(tuned.kind), cp::kSettleS, cp::kSettleS + cp::kResidualS);
   std::printf("      tracking error [mrad]        residual vibration [mrad]   shaped/unshaped\n");
   std::printf("move  unshaped RMS/max  shaped RMS/max   unshaped    shaped    simulated  theory\n");
   for (std::size_t move = 0; move < unshaped.moves.size(); ++move) {

@@ -23,9 +23,6 @@ constexpr double kMoveS = 0.3;            // [s] each move
 constexpr double kRestS = 1.0;            // [s] rest after each move, for the vibration to die out
 constexpr Eigen::Index kLateWindows = 8;  // how late the planner is with every second move
 constexpr double kRingingS = 1.0;         // [s] free ringing recorded for the mode
-constexpr double kSettleS = 0.15;         // [s] from a move's end to its residual-vibration span,
-                                          // longer than any shaper used here
-constexpr double kResidualS = 0.3;        // [s] length of the residual-vibration span
 
 Eigen::Index Samples(double seconds) { return std::lround(seconds / kSampleTimeS); }
 

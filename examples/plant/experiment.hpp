@@ -51,6 +51,10 @@ struct ShaperTrial {
 
 // Sample period of the control loop, 1 kHz.
 inline constexpr double kSampleTimeS = 1e-3;
+// Where each move's residual vibration is fitted: from kSettleS after the move's end, longer than
+// any shaper used here, for kResidualS.
+inline constexpr double kSettleS = 0.15;   // [s]
+inline constexpr double kResidualS = 0.3;  // [s]
 // Compute seconds per second of window that the qualification allows.
 inline constexpr double kComputeFractionLimit = 0.5;
 
