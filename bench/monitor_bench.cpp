@@ -5,7 +5,8 @@
 // The baseline, measured in the same run, is the bare handoff with the plain statistics copy: one
 // mutex, one condition variable, a deque and two std::vector histories that its Qualify copies
 // whole under the lock before summing and sorting outside it.
-//   p99_us, max_us, calls: PopNowait latency distribution (microseconds) and its call count;
+//   p99_us, max_us, calls, over_1ms: PopNowait latency distribution (microseconds), its call
+//   count and the calls that took longer than a millisecond;
 //   qualify_ms: mean wall time of one Qualify call of the monitor.
 #include <algorithm>
 #include <chrono>
@@ -155,6 +156,8 @@ void ReportLatency(benchmark::State& state, PopNowait pop) {
   state.counters["p99_us"] = *p99;
   state.counters["max_us"] = *std::max_element(latencies_us.begin(), latencies_us.end());
   state.counters["calls"] = static_cast<double>(latencies_us.size());
+  state.counters["over_1ms"] = static_cast<double>(
+      std::count_if(latencies_us.begin(), latencies_us.end(), [](double us) { return us > 1e3; }));
 }
 
 // state.range(0): 1 with the monitor, 0 without.
@@ -199,9 +202,10 @@ void PrintSummary(const corvane::bench::RatioReporter& reporter) {
     const std::string watched = std::string(name) + "/monitor:1/iterations:1/real_time";
     if (!reporter.Has(quiet) || !reporter.Has(watched)) continue;
     const double ratio = reporter.Counter(watched, "p99_us") / reporter.Counter(quiet, "p99_us");
-    std::printf("%s: p99 %.2f -> %.2f us, max %.0f -> %.0f us\n", name,
-                reporter.Counter(quiet, "p99_us"), reporter.Counter(watched, "p99_us"),
-                reporter.Counter(quiet, "max_us"), reporter.Counter(watched, "max_us"));
+    std::printf("%s: p99 %.2f -> %.2f us, max %.0f -> %.0f us, calls over 1 ms %.0f -> %.0f\n",
+                name, reporter.Counter(quiet, "p99_us"), reporter.Counter(watched, "p99_us"),
+                reporter.Counter(quiet, "max_us"), reporter.Counter(watched, "max_us"),
+                reporter.Counter(quiet, "over_1ms"), reporter.Counter(watched, "over_1ms"));
     const bool buffer = std::string(name) == "BM_Monitored_Buffer";
     PrintRatio(buffer ? "buffer: p99 with monitor / without" : "plain copy: p99 with / without",
                ratio, buffer ? "<= 1.2" : "informational", !buffer || ratio <= 1.2);
