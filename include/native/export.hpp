@@ -3,3 +3,7 @@
 #pragma once
 
 #define CORVANE_EXPORT __attribute__((visibility("default")))
+
+// Marks the private implementation object of an exported class, which would otherwise be exported
+// with the class that declares it.
+#define CORVANE_HIDDEN __attribute__((visibility("hidden")))

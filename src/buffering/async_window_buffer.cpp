@@ -92,13 +92,12 @@ bool AsyncWindowBuffer::Impl::HasWindowOrEnd() const {
   return !queue.empty() || producer_finished || stop_requested;
 }
 
-// A worker that keeps pace queues the next window within microseconds; looking briefly for it
-// spares both threads the sleep and the wake-up. A zero time-out only tests.
+// A zero time-out only tests; any other wait sleeps on the condition variable at once.
 std::optional<WindowPayload> AsyncWindowBuffer::Pop(
     std::optional<std::chrono::nanoseconds> timeout) {
   Impl& state = *impl_;
   auto lock = state.Lock();
-  if (!state.Await(lock, &Impl::HasWindowOrEnd, timeout)) {
+  if (!WaitWithTimeout(state.cv, lock, timeout, [&state] { return state.HasWindowOrEnd(); })) {
     return std::nullopt;  // deadline passed: nothing to report yet
   }
 

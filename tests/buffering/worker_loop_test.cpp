@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/failing_allocator.hpp"
 #include "support/scripted_producer.hpp"
 #include "window/async_buffer.hpp"
 
@@ -113,6 +114,31 @@ TEST(WorkerLoopTest, FailedPreparationWakesAWaitingConsumerWithTheFailure) {
   EXPECT_EQ(buffer.LastError(), "no session.");
   EXPECT_TRUE(buffer.IsComplete());
   EXPECT_EQ(recorded.log->Count(CallLog::kExhausted), 0u);
+}
+
+// Without memory to copy the failure's text the worker still ends cleanly: LastError has a fixed
+// text, and Pop still rethrows the failure itself.
+TEST(WorkerLoopTest, FailureCaptureWithoutMemoryKeepsTheFailure) {
+  for (const bool standard : {true, false}) {
+    Script failing = FiniteScript(1);
+    failing.produce = [standard](std::size_t) -> std::optional<WindowPayload> {
+      const std::runtime_error error("a failure whose text must be copied to the heap.");
+      testing_support::FailAllocations(1);  // the copy of the text in the failure capture
+      if (standard) throw error;
+      throw 7;
+    };
+    Recorded recorded(failing);
+    AsyncWindowBuffer buffer(std::move(recorded.producer));
+    buffer.Start();
+    EXPECT_TRUE(testing_support::Guarded([&] { return buffer.Join(); }, "Join"));
+    EXPECT_TRUE(buffer.IsComplete());
+    EXPECT_EQ(buffer.LastError(), "Out of memory.");
+    if (standard) {
+      EXPECT_THROW(buffer.Pop(), std::runtime_error);
+    } else {
+      EXPECT_THROW(buffer.Pop(), int);
+    }
+  }
 }
 
 }  // namespace

@@ -1,0 +1,61 @@
+# Fails unless every dynamic symbol that LIBRARY defines is part of the interface declared in the
+# public headers under INCLUDE_DIR: a function, vtable or type information of a class or function
+# that those headers name, never a private implementation object or a helper.
+#   cmake -DLIBRARY=<.so> -DINCLUDE_DIR=<include> -P exported_symbols.cmake
+execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
+                OUTPUT_VARIABLE listing RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${LIBRARY}")
+endif()
+
+set(declarations "")
+file(GLOB headers ${INCLUDE_DIR}/window/*.hpp ${INCLUDE_DIR}/native/*.hpp)
+foreach(header IN LISTS headers)
+  file(READ ${header} text)
+  string(APPEND declarations " ${text} ")
+endforeach()
+
+# The scoped name of a symbol (before its parameter list), as components below the namespace.
+function(declared_components symbol out)
+  string(REGEX REPLACE "^(typeinfo name for|typeinfo for|vtable for) " "" name "${symbol}")
+  string(REGEX REPLACE "\\(.*" "" name "${name}")
+  string(REPLACE "[abi:cxx11]" "" name "${name}")
+  string(REGEX REPLACE "^corvane::(control::window|native)::" "" name "${name}")
+  string(REPLACE "::" ";" components "${name}")
+  set(${out} ${components} PARENT_SCOPE)
+endfunction()
+
+string(REPLACE "\n" ";" lines "${listing}")
+set(strays "")
+set(count 0)
+foreach(line IN LISTS lines)
+  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] " "" symbol "${line}")
+  if(symbol STREQUAL "")
+    continue()
+  endif()
+  math(EXPR count "${count} + 1")
+  set(declared TRUE)
+  if(NOT symbol MATCHES "^(typeinfo name for |typeinfo for |vtable for )?corvane::" OR
+     symbol MATCHES "::Impl::|::Impl$|anonymous namespace")
+    set(declared FALSE)
+  else()
+    declared_components("${symbol}" components)
+    foreach(component IN LISTS components)
+      string(REGEX REPLACE "^~|^operator=$" "" word "${component}")
+      if(NOT word STREQUAL "" AND NOT declarations MATCHES "[^A-Za-z0-9_]${word}[^A-Za-z0-9_]")
+        set(declared FALSE)
+      endif()
+    endforeach()
+  endif()
+  if(NOT declared)
+    string(APPEND strays "\n  ${symbol}")
+  endif()
+endforeach()
+
+if(count EQUAL 0)
+  message(FATAL_ERROR "${LIBRARY} exports nothing")
+endif()
+if(NOT strays STREQUAL "")
+  message(FATAL_ERROR "exported but not declared in the public headers:${strays}")
+endif()
+message(STATUS "${count} exported symbols, all declared")
