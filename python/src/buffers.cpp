@@ -91,7 +91,7 @@ void BindAsyncWindowBuffer(py::module_& module) {
            }),
            py::arg("producer"), py::arg("prefill_windows") = 0,
            py::arg("max_buffered_windows") = py::none())
-      .def("Start", &Buffer::Start)
+      .def("Start", py::overload_cast<>(&Buffer::Start))
       .def("Stop", &Buffer::Stop)
       .def("Close", &Buffer::Close, Release())
       .def(

@@ -52,13 +52,15 @@ AsyncWindowBuffer::~AsyncWindowBuffer() {
   Join(std::nullopt);
 }
 
+void AsyncWindowBuffer::Impl::MarkStarted() {
+  auto lock = Lock();
+  if (started) throw std::runtime_error("AsyncWindowBuffer::Start() can only be called once.");
+  started = true;
+}
+
+// A thread that cannot be created leaves `started` set: this buffer can never be started.
 void AsyncWindowBuffer::Start() {
-  {
-    auto lock = impl_->Lock();
-    if (impl_->started)
-      throw std::runtime_error("AsyncWindowBuffer::Start() can only be called once.");
-    impl_->started = true;
-  }
+  impl_->MarkStarted();
   Impl* const state = impl_.get();
   impl_->worker = std::thread([state] { state->Run(); });
 }

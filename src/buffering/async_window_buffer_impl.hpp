@@ -48,6 +48,9 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   // Takes the lock.
   std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(mutex); }
 
+  // Sets `started`; throws std::runtime_error when it was set already.
+  void MarkStarted();
+
   // The conditions that the consumer and the worker wait for; with the lock held.
   bool HasWindowOrEnd() const;
   bool HasRoomOrStop() const;

@@ -1,9 +1,14 @@
 // The buffer's lifecycle and consumer side: construction checks, start/stop/join, pops with and
 // without time-out, failures carried to the consumer, and moves.
+#include <pthread.h>
+#include <sched.h>
+
 #include <chrono>
 #include <future>
 #include <stdexcept>
+#include <system_error>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/scripted_producer.hpp"
@@ -202,6 +207,86 @@ TEST(AsyncWindowBufferTest, MoveAssignmentAndDestructionStopTheWorkerFirst) {
   EXPECT_EQ(PopAll(*target), (std::vector<double>{0, 1}));
   Guarded([&] { target.reset(); }, "destruction");
   EXPECT_EQ(new_recorded.log->Count(CallLog::kDestroy), 1u);
+}
+
+// The scheduling of the calling thread, as the system reports it.
+WorkerSettings ScheduleOfThisThread() {
+  WorkerSettings schedule;
+  int policy = 0;
+  sched_param parameters{};
+  pthread_getschedparam(pthread_self(), &policy, &parameters);
+  schedule.policy = policy == SCHED_FIFO ? WorkerPolicy::kFifo
+                    : policy == SCHED_RR ? WorkerPolicy::kRoundRobin
+                                         : WorkerPolicy::kNormal;
+  schedule.priority = parameters.sched_priority;
+  cpu_set_t cpus;
+  pthread_getaffinity_np(pthread_self(), sizeof cpus, &cpus);
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(static_cast<std::size_t>(cpu), &cpus)) schedule.cpus.push_back(cpu);
+  }
+  char name[16] = {};
+  pthread_getname_np(pthread_self(), name, sizeof name);
+  schedule.name = name;
+  return schedule;
+}
+
+// The worker's producer reads back the policy, priority, CPUs and name it runs with.
+TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorker) {
+  const int cpu = ScheduleOfThisThread().cpus.back();
+  const WorkerSettings cases[] = {
+      {WorkerPolicy::kNormal, 0, {cpu}, "corvane-normal"},
+      {WorkerPolicy::kFifo, 10, {cpu}, "corvane-fifo"},
+      {WorkerPolicy::kRoundRobin, 5, {cpu}, "corvane-rr"},
+  };
+  std::string skipped;
+  for (const WorkerSettings& wanted : cases) {
+    auto observed = std::make_shared<WorkerSettings>();
+    Script script = FiniteScript(0);
+    script.prepare = [observed] { *observed = ScheduleOfThisThread(); };
+    Recorded recorded(script);
+    AsyncWindowBuffer buffer(std::move(recorded.producer));
+    try {
+      buffer.Start(wanted);
+    } catch (const std::system_error& error) {
+      if (wanted.policy == WorkerPolicy::kNormal ||
+          error.code() != std::errc::operation_not_permitted)
+        throw;
+      skipped += "\n" + wanted.name +
+                 " not permitted here (needs CAP_SYS_NICE or RLIMIT_RTPRIO): " + error.what();
+      continue;
+    }
+    ASSERT_TRUE(Guarded([&] { return buffer.Join(); }, "Join"));
+    EXPECT_EQ(observed->policy, wanted.policy) << wanted.name;
+    EXPECT_EQ(observed->priority, wanted.priority) << wanted.name;
+    EXPECT_EQ(observed->cpus, wanted.cpus) << wanted.name;
+    EXPECT_EQ(observed->name, wanted.name);
+  }
+  if (!skipped.empty()) GTEST_SKIP() << "real-time policies untested:" << skipped;
+}
+
+// A refused setting throws, names the setting, leaves no worker, and Start may be called again.
+TEST(AsyncWindowBufferTest, RefusedSettingLeavesTheBufferStartable) {
+  const int cpu = ScheduleOfThisThread().cpus.front();
+  const struct {
+    WorkerSettings settings;
+    const char* named;
+  } cases[] = {
+      {{WorkerPolicy::kNormal, 0, {}, "a-name-too-long!"}, "WorkerSettings::name"},
+      {{WorkerPolicy::kNormal, 0, {cpu, CPU_SETSIZE - 1}, ""}, "WorkerSettings::cpus (CPU 1023)"},
+      {{WorkerPolicy::kNormal, 0, {CPU_SETSIZE - 1}, ""}, "WorkerSettings::cpus"},
+      {{WorkerPolicy::kNormal, 0, {-1}, ""}, "WorkerSettings::cpus (CPU -1)"},
+      {{WorkerPolicy::kNormal, 5, {}, ""}, "WorkerSettings::policy"},
+      {{WorkerPolicy::kFifo, 1000, {}, ""}, "WorkerSettings::policy"},
+  };
+  for (const auto& c : cases) {
+    Recorded recorded(FiniteScript(1));
+    AsyncWindowBuffer buffer(std::move(recorded.producer));
+    EXPECT_THAT(MessageOf<std::system_error>([&] { buffer.Start(c.settings); }),
+                ::testing::HasSubstr(c.named));
+    EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 0u);
+    buffer.Start();
+    EXPECT_EQ(PopAll(buffer), (std::vector<double>{0}));
+  }
 }
 
 }  // namespace
