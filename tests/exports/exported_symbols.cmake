@@ -1,61 +1,35 @@
-# Fails unless every dynamic symbol that LIBRARY defines is part of the interface declared in the
-# public headers under INCLUDE_DIR: a function, vtable or type information of a class or function
-# that those headers name, never a private implementation object or a helper.
+# Fails unless every name in the scope of every dynamic symbol that LIBRARY defines (a function,
+# vtable or typeinfo) is declared in the headers under INCLUDE_DIR, and none is a private Impl.
 #   cmake -DLIBRARY=<.so> -DINCLUDE_DIR=<include> -P exported_symbols.cmake
-execute_process(COMMAND nm -DC --defined-only ${LIBRARY}
-                OUTPUT_VARIABLE listing RESULT_VARIABLE status)
-if(NOT status EQUAL 0)
-  message(FATAL_ERROR "nm failed on ${LIBRARY}")
-endif()
-
-set(declarations "")
+execute_process(COMMAND nm -DC --defined-only ${LIBRARY} OUTPUT_VARIABLE listing
+                COMMAND_ERROR_IS_FATAL ANY)
 file(GLOB headers ${INCLUDE_DIR}/window/*.hpp ${INCLUDE_DIR}/native/*.hpp)
+set(declarations "")
 foreach(header IN LISTS headers)
   file(READ ${header} text)
   string(APPEND declarations " ${text} ")
 endforeach()
 
-# The scoped name of a symbol (before its parameter list), as components below the namespace.
-function(declared_components symbol out)
-  string(REGEX REPLACE "^(typeinfo name for|typeinfo for|vtable for) " "" name "${symbol}")
-  string(REGEX REPLACE "\\(.*" "" name "${name}")
-  string(REPLACE "[abi:cxx11]" "" name "${name}")
-  string(REGEX REPLACE "^corvane::(control::window|native)::" "" name "${name}")
-  string(REPLACE "::" ";" components "${name}")
-  set(${out} ${components} PARENT_SCOPE)
-endfunction()
-
+string(STRIP "${listing}" listing)
 string(REPLACE "\n" ";" lines "${listing}")
 set(strays "")
-set(count 0)
 foreach(line IN LISTS lines)
-  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] " "" symbol "${line}")
-  if(symbol STREQUAL "")
+  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] (typeinfo name for |typeinfo for |vtable for )?" ""
+                       symbol "${line}")
+  string(REGEX REPLACE "\\(.*|\\[abi:cxx11\\]" "" scope "${symbol}")
+  if(NOT scope MATCHES "^corvane::(control::window|native)::" OR scope MATCHES "::Impl(::|$)")
+    string(APPEND strays "\n  ${symbol}")
     continue()
   endif()
-  math(EXPR count "${count} + 1")
-  set(declared TRUE)
-  if(NOT symbol MATCHES "^(typeinfo name for |typeinfo for |vtable for )?corvane::" OR
-     symbol MATCHES "::Impl::|::Impl$|anonymous namespace")
-    set(declared FALSE)
-  else()
-    declared_components("${symbol}" components)
-    foreach(component IN LISTS components)
-      string(REGEX REPLACE "^~|^operator=$" "" word "${component}")
-      if(NOT word STREQUAL "" AND NOT declarations MATCHES "[^A-Za-z0-9_]${word}[^A-Za-z0-9_]")
-        set(declared FALSE)
-      endif()
-    endforeach()
-  endif()
-  if(NOT declared)
-    string(APPEND strays "\n  ${symbol}")
-  endif()
+  string(REGEX REPLACE "^corvane::(control::window|native)::" "" scope "${scope}")
+  string(REPLACE "::" ";" names "${scope}")
+  foreach(name IN LISTS names)
+    string(REGEX REPLACE "^~|^operator=$" "" name "${name}")
+    if(NOT name STREQUAL "" AND NOT declarations MATCHES "[^A-Za-z0-9_]${name}[^A-Za-z0-9_]")
+      string(APPEND strays "\n  ${symbol}")
+    endif()
+  endforeach()
 endforeach()
-
-if(count EQUAL 0)
-  message(FATAL_ERROR "${LIBRARY} exports nothing")
+if(NOT strays STREQUAL "" OR lines STREQUAL "")
+  message(FATAL_ERROR "exported but not declared in ${INCLUDE_DIR}:${strays}")
 endif()
-if(NOT strays STREQUAL "")
-  message(FATAL_ERROR "exported but not declared in the public headers:${strays}")
-endif()
-message(STATUS "${count} exported symbols, all declared")

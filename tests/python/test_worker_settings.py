@@ -9,14 +9,11 @@ from conftest import WAIT_S
 
 
 class ScheduleProbe(cw.WindowProducerSession):
-    """Notes, on the worker, the CPUs and thread name it runs with; produces nothing."""
+    """Notes, on the worker, the CPUs and thread name it runs with; has no windows."""
 
     def PrepareSession(self):
         with open(f"/proc/self/task/{threading.get_native_id()}/comm") as comm:
             self.seen = (os.sched_getaffinity(0), comm.read().strip())
-
-    def ProduceNext(self):
-        return None
 
     def IsExhausted(self):
         return True
@@ -26,8 +23,7 @@ class ScheduleProbe(cw.WindowProducerSession):
 
 
 def test_start_with_settings_schedules_the_worker_and_a_refusal_names_the_setting():
-    cpu = max(os.sched_getaffinity(0))
-    probe = ScheduleProbe()
+    cpu, probe = max(os.sched_getaffinity(0)), ScheduleProbe()
     buffer = cw.AsyncWindowBuffer(probe)
     with pytest.raises(RuntimeError, match="WorkerSettings::name"):
         buffer.Start(cw.WorkerSettings(name="x" * 16))
