@@ -18,8 +18,7 @@ enum class WorkerPolicy {
 // thread that starts it would create it.
 struct WorkerSettings {
   WorkerPolicy policy = WorkerPolicy::kNormal;  // scheduling policy
-  int priority =
-      0;  // real-time priority (1 to 99 on Linux) for kFifo and kRoundRobin; 0 for kNormal
+  int priority = 0;       // 1 (lowest) to 99 on Linux for kFifo and kRoundRobin; 0 for kNormal
   std::vector<int> cpus;  // CPU numbers the worker may run on; empty: those of the starting thread
   std::string name;       // thread name, at most 15 characters; empty: the starting thread's name
 };

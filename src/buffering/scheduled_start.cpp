@@ -5,11 +5,13 @@
 #include <sched.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <future>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "buffering/async_window_buffer_impl.hpp"
 
