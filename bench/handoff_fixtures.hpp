@@ -3,6 +3,7 @@
 // the buffers are measured against.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -97,11 +98,15 @@ class BareHandoff {
   bool stopped_ = false;
 };
 
-// A thread copying the template into the handoff until `count` windows or a Finish().
-inline std::thread BareProducer(BareHandoff& handoff, std::size_t count) {
-  return std::thread([&handoff, count] {
+// A thread copying the template into the handoff until `count` windows or a Finish(), sleeping
+// `period` before each.
+inline std::thread BareProducer(
+    BareHandoff& handoff, std::size_t count,
+    std::chrono::microseconds period = std::chrono::microseconds::zero()) {
+  return std::thread([&handoff, count, period] {
     const cw::WindowPayload window = TemplateWindow();
     for (std::size_t i = 0; i < count; ++i) {
+      if (period.count() > 0) std::this_thread::sleep_for(period);
       if (!handoff.Push(cw::WindowPayload(window))) return;
     }
     handoff.Finish();

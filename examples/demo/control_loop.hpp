@@ -1,7 +1,9 @@
-// The demo's control loop: it takes one window each time the previous one has been played.
+// The demo's control loop: a fixed-rate loop that takes one window each time the previous one
+// has been played.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <vector>
 
 #include <window/async_buffer.hpp>
@@ -11,13 +13,17 @@ namespace corvane::demo {
 
 struct Playback {
   control::window::SampleMatrix command;  // every played sample, in order
-  std::vector<double> pop_waits_s;        // [s] time spent waiting in Pop, one entry a window
+  std::vector<double> pop_waits_s;        // [s] time spent in the pop call, one entry a window
+  std::size_t deadline_misses = 0;        // windows that were not ready when they were due
 };
 
-// Pops the windows of a started buffer until it completes. The first window plays from `start`,
-// each for its rows times sample_time_s, and the next is popped when it has been played; with
-// `fast` nothing waits for playback. Prints a progress line every second of motion.
-// Throws std::runtime_error when no window comes for 2 s; passes the buffer's failure on.
+// Pops the windows of a started buffer until it completes. The first window is due at `start`,
+// each next one when the previous has played for its rows times sample_time_s. The loop sleeps
+// until each due time on an absolute schedule and takes the window with PopNowait(); a window
+// not ready then is a deadline miss, and the loop holds the last command and looks again one
+// sample later. With `fast` nothing is paced: it waits in Pop() instead. Prints a progress line
+// every second of motion. Throws std::runtime_error when no window comes for 2 s; passes the
+// buffer's failure on.
 Playback PlayWindows(control::window::AsyncWindowBuffer& buffer, double sample_time_s,
                      std::chrono::steady_clock::time_point start, bool fast);
 

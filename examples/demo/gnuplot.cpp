@@ -1,6 +1,7 @@
 #include "demo/gnuplot.hpp"
 
 #include <csignal>
+#include <filesystem>
 #include <stdexcept>
 
 namespace corvane::demo {
@@ -28,6 +29,7 @@ void DrawPng(const std::string& path, int width, int height,
   if (pclose(gnuplot) != 0) {
     throw std::runtime_error("gnuplot could not draw " + path + " (is gnuplot-nox installed?).");
   }
+  std::printf("Plot written to %s\n", std::filesystem::absolute(path).c_str());
 }
 
 }  // namespace corvane::demo

@@ -1,7 +1,11 @@
 #include "demo/options.hpp"
 
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <functional>
 #include <map>
 
@@ -53,6 +57,19 @@ Mode ParseMode(const std::string& text) {
     if (text == ModeName(mode)) return mode;
   }
   throw UsageError("--mode needs plant, mpc, shaper or replay, not '" + text + "'.");
+}
+
+// Throws UsageError unless `path` can be written: a file is opened for appending (and removed
+// again when it did not exist), so a run is not wasted on an output that cannot be saved.
+void CheckWritable(const std::string& option, const std::string& path) {
+  if (path.empty()) return;
+  const bool existed = std::filesystem::exists(path);
+  std::FILE* file = std::fopen(path.c_str(), "a");
+  if (file == nullptr) {
+    throw UsageError(option + " cannot write '" + path + "': " + std::strerror(errno) + ".");
+  }
+  std::fclose(file);
+  if (!existed) std::filesystem::remove(path);
 }
 
 }  // namespace
@@ -113,6 +130,8 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
   if (std::lround(options.duration_s * options.rate_hz) < 2) {
     throw UsageError("--duration and --rate give fewer than two samples.");
   }
+  CheckWritable("--csv", options.csv_path);
+  CheckWritable("--plot", options.plot_path);
   return options;
 }
 

@@ -17,6 +17,7 @@
 #include "window/producers.hpp"
 #include "window/records.hpp"
 #include "window/reference_buffer.hpp"
+#include "window/worker_settings.hpp"
 
 namespace corvane::control::window {
 
@@ -77,6 +78,12 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // Starts the worker thread. Throws std::runtime_error when called a second time, and
   // std::system_error when the thread cannot be created.
   void Start();
+  // Start() with the worker thread scheduled as `settings` asks; they are in force before the
+  // worker first calls the producer. Throws std::runtime_error when called a second time, and
+  // std::system_error, naming the setting, when the system refuses one (no permission, a CPU the
+  // worker may not use, a name over 15 characters) or the thread cannot be created. After a
+  // refusal no worker runs and the buffer may be started again.
+  void Start(const WorkerSettings& settings);
   // Asks the worker to end at its next check and wakes every waiter; returns at once.
   // Queued windows stay queued.
   virtual void Stop();

@@ -233,7 +233,7 @@ void BindAsyncWindowBuffer(py::module_& module) {
            "max_buffered_windows: queue capacity; None means unbounded. Raises ValueError for a "
            "None producer, a capacity of 0, or a capacity below prefill_windows (in that "
            "order), and RuntimeError for a producer that another buffer or producer owns.")
-      .def("Start", &Buffer::Start,
+      .def("Start", py::overload_cast<>(&Buffer::Start),
            "Starts the worker thread. Raises RuntimeError when called a second time.")
       .def("Stop", &RequestStop,
            "Asks the worker to end at its next check and wakes every waiter; returns at once. "

@@ -22,4 +22,5 @@ PYBIND11_MODULE(corvane_window, module) {
   corvane::python::BindReferenceBuffer(module);
   corvane::python::BindProducers(module);
   corvane::python::BindBuffers(module);
+  corvane::python::BindWorkerSettings(module);
 }

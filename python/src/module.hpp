@@ -26,5 +26,7 @@ void BindReferenceBuffer(py::module_& module);
 void BindProducers(py::module_& module);
 // QualificationReport, AsyncWindowBuffer and AppendableWindowBuffer.
 void BindBuffers(py::module_& module);
+// WorkerPolicy, WorkerSettings and the buffers' Start(settings); after BindBuffers.
+void BindWorkerSettings(py::module_& module);
 
 }  // namespace corvane::python

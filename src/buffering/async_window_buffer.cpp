@@ -53,13 +53,15 @@ AsyncWindowBuffer::~AsyncWindowBuffer() {
   Join(std::nullopt);
 }
 
+void AsyncWindowBuffer::Impl::MarkStarted() {
+  auto lock = Lock();
+  if (started) throw std::runtime_error("AsyncWindowBuffer::Start() can only be called once.");
+  started = true;
+}
+
+// A thread that cannot be created leaves `started` set: this buffer can never be started.
 void AsyncWindowBuffer::Start() {
-  {
-    auto lock = impl_->Lock();
-    if (impl_->started)
-      throw std::runtime_error("AsyncWindowBuffer::Start() can only be called once.");
-    impl_->started = true;
-  }
+  impl_->MarkStarted();
   Impl* const state = impl_.get();
   impl_->worker = std::thread([state] { state->Run(); });
 }
@@ -93,13 +95,12 @@ bool AsyncWindowBuffer::Impl::HasWindowOrEnd() const {
   return !queue.empty() || producer_finished || stop_requested;
 }
 
-// A worker that keeps pace queues the next window within microseconds; looking briefly for it
-// spares both threads the sleep and the wake-up. A zero time-out only tests.
+// A zero time-out only tests; any other wait sleeps on the condition variable at once.
 std::optional<WindowPayload> AsyncWindowBuffer::Pop(
     std::optional<std::chrono::nanoseconds> timeout) {
   Impl& state = *impl_;
   auto lock = state.Lock();
-  if (!state.Await(lock, &Impl::HasWindowOrEnd, timeout)) {
+  if (!WaitWithTimeout(state.cv, lock, timeout, [&state] { return state.HasWindowOrEnd(); })) {
     return std::nullopt;  // deadline passed: nothing to report yet
   }
 

@@ -19,7 +19,7 @@
 
 namespace corvane::control::window {
 
-struct AsyncWindowBuffer::Impl {
+struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   Impl(std::unique_ptr<WindowProducerSession> producer_in, std::size_t prefill_windows_in,
        std::optional<std::size_t> max_buffered_windows_in);
 
@@ -42,16 +42,13 @@ struct AsyncWindowBuffer::Impl {
 
   // The worker thread's whole body: session, initial, steady and tail phases, then the end.
   // Returns normally in every case; a failure is stored for the consumer.
-  void Run();
+  void Run() noexcept;
 
-  // Takes the lock, trying for a moment before blocking (brief_lookout.cpp).
-  std::unique_lock<std::mutex> Lock();
+  // Takes the lock.
+  std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(mutex); }
 
-  // With `lock` held: waits until `ready` holds or `timeout` (absent: no limit) passes, and
-  // returns whether it holds. Before sleeping on `cv` it looks for `ready` for a few tens of
-  // microseconds, letting go of the lock between looks (brief_lookout.cpp).
-  bool Await(std::unique_lock<std::mutex>& lock, bool (Impl::*ready)() const,
-             std::optional<std::chrono::nanoseconds> timeout);
+  // Sets `started`; throws std::runtime_error when it was set already.
+  void MarkStarted();
 
   // The conditions that the consumer and the worker wait for; with the lock held.
   bool HasWindowOrEnd() const;
@@ -69,8 +66,8 @@ struct AsyncWindowBuffer::Impl {
   bool StopRequested();
   bool WaitForRoom();
   void RecordStatistics(double charged_s, double duration_s);
-  void CaptureFailure();
-  void MarkFinished();
+  void CaptureFailure() noexcept;
+  void MarkFinished() noexcept;
 };
 
 }  // namespace corvane::control::window

@@ -1,9 +1,6 @@
 #include "buffering/window_duration.hpp"
 
-#include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstddef>
 #include <exception>
 #include <optional>
 #include <string>
@@ -31,37 +28,11 @@ std::optional<double> ParseSamplePeriod(const std::string& text) noexcept {
   return std::nullopt;
 }
 
-// The last sample-period text parsed on this thread and its result. A producer writes the same
-// text on every window, and parsing it anew would cost more than producing a small window. Only
-// short texts are remembered, in a fixed buffer, so remembering never allocates. A text keeps
-// the value it parsed to under the C locale of that first parse.
-struct RememberedSamplePeriod {
-  static constexpr std::size_t kCapacity = 32;
-  std::array<char, kCapacity> text{};
-  std::size_t length = kCapacity;  // kCapacity: nothing remembered yet
-  std::optional<double> period;
-
-  bool Holds(const std::string& candidate) const noexcept {
-    return candidate.size() == length &&
-           std::equal(candidate.begin(), candidate.end(), text.begin());
-  }
-  void Remember(const std::string& candidate, std::optional<double> parsed) noexcept {
-    if (candidate.size() >= kCapacity) return;
-    std::copy(candidate.begin(), candidate.end(), text.begin());
-    length = candidate.size();
-    period = parsed;
-  }
-};
-
 // The "sample_time_s" entry as a usable sample period.
 std::optional<double> DeclaredSamplePeriod(const WindowPayload& window) noexcept {
   const auto entry = window.metadata.find("sample_time_s");
   if (entry == window.metadata.end()) return std::nullopt;
-  thread_local RememberedSamplePeriod remembered;
-  if (remembered.Holds(entry->second)) return remembered.period;
-  const std::optional<double> period = ParseSamplePeriod(entry->second);
-  remembered.Remember(entry->second, period);
-  return period;
+  return ParseSamplePeriod(entry->second);
 }
 
 }  // namespace

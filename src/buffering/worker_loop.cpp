@@ -5,6 +5,10 @@
 // flag test, one queue operation or two statistics appends, and every notification follows the
 // unlock.
 #include <algorithm>
+#include <exception>
+#include <optional>
+#include <string>
+#include <thread>
 #include <utility>
 
 #include "buffering/async_window_buffer_impl.hpp"
@@ -19,9 +23,32 @@ double SecondsBetween(std::chrono::steady_clock::time_point t0,
   return static_cast<double>(elapsed.count()) / 1e9;
 }
 
+// What LastError gives when there is no memory to copy the failure's own text. It is short enough
+// to be stored inside the string object itself, without allocating.
+constexpr char kTextWithoutMemory[] = "Out of memory.";
+
+// Sets `text` to the what() of `failure`, or to the generic text for an exception of another
+// kind; should copying either fail, to kTextWithoutMemory.
+void StoreFailureText(const std::exception_ptr& failure,
+                      std::optional<std::string>& text) noexcept {
+  try {
+    try {
+      std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+      text = error.what();
+    } catch (...) {
+      text = "Unknown native window producer failure.";
+    }
+  } catch (...) {
+    text = kTextWithoutMemory;
+  }
+}
+
 }  // namespace
 
-void AsyncWindowBuffer::Impl::Run() {
+// Neither the failure capture nor the end can throw, so nothing ever leaves the worker thread (a
+// mutex that cannot be locked at all would end the process there).
+void AsyncWindowBuffer::Impl::Run() noexcept {
   try {
     PrepareSessionOnce();
     RunInitialPhase();
@@ -91,11 +118,9 @@ bool AsyncWindowBuffer::Impl::HasRoomOrStop() const {
 }
 
 // Returns true when the queue has room, false when the wait ended in a stop (tested first).
-// A consumer that keeps popping makes room within microseconds, so the worker looks briefly
-// before it sleeps, and that consumer seldom has to pay for waking it.
 bool AsyncWindowBuffer::Impl::WaitForRoom() {
   auto lock = Lock();
-  Await(lock, &Impl::HasRoomOrStop, std::nullopt);
+  cv.wait(lock, [this] { return HasRoomOrStop(); });
   return !stop_requested;
 }
 
@@ -132,19 +157,13 @@ void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
 }
 
 // Called from the handler of Run: keeps the exception for Pop and its text for LastError.
-void AsyncWindowBuffer::Impl::CaptureFailure() {
+void AsyncWindowBuffer::Impl::CaptureFailure() noexcept {
   auto lock = Lock();
   failure = std::current_exception();
-  try {
-    std::rethrow_exception(failure);
-  } catch (const std::exception& error) {
-    last_error = error.what();
-  } catch (...) {
-    last_error = "Unknown native window producer failure.";
-  }
+  StoreFailureText(failure, last_error);
 }
 
-void AsyncWindowBuffer::Impl::MarkFinished() {
+void AsyncWindowBuffer::Impl::MarkFinished() noexcept {
   {
     auto lock = Lock();
     producer_finished = true;

@@ -9,7 +9,7 @@
 
 namespace corvane::control::window {
 
-struct FiniteWindowProducer::Impl {
+struct CORVANE_HIDDEN FiniteWindowProducer::Impl {
   std::vector<WindowPayload> mainline;  // handed out by ProduceNext, in order
   std::vector<WindowPayload> tail;      // handed out by Finalize, in order
   std::size_t next_mainline = 0;        // index of the next mainline window

@@ -15,7 +15,7 @@
 
 namespace corvane::control::window {
 
-struct AppendableLiftedMpcWindowProducer::Impl {
+struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
   std::unique_ptr<LiftedMpcSolveSession> solve_session;         // never null
   std::shared_ptr<AppendableReferenceBuffer> reference_buffer;  // never null
   std::size_t apply_samples = 0;       // rows applied per window, 1 to lookahead_samples

@@ -9,7 +9,7 @@
 
 namespace corvane::control::window {
 
-struct ShaperWindowProducer::Impl {
+struct CORVANE_HIDDEN ShaperWindowProducer::Impl {
   std::unique_ptr<TrajectoryWindowHandle> handle;  // never null while the state exists
   bool prepared = false;                           // the handle's Prepare() has returned
   bool finalized = false;                          // the handle's Finalize() has returned

@@ -22,7 +22,7 @@
 
 namespace corvane::control::window {
 
-struct AppendableReferenceBuffer::Impl {
+struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   std::mutex mutex;
   std::condition_variable cv;              // signalled when samples are added or on Finish()
   std::optional<std::size_t> joint_count;  // fixed at construction or by the first append

@@ -1,9 +1,15 @@
 // The buffer's lifecycle and consumer side: construction checks, start/stop/join, pops with and
 // without time-out, failures carried to the consumer, and moves.
+#include <pthread.h>
+#include <sched.h>
+
 #include <chrono>
 #include <future>
 #include <stdexcept>
+#include <system_error>
+#include <tuple>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/scripted_producer.hpp"
@@ -77,50 +83,9 @@ TEST(AsyncWindowBufferTest, NeverStartedBufferServesPrefillThenWaitsForStop) {
   EXPECT_EQ(log->Count(CallLog::kDestroy), 1u);
 }
 
-TEST(AsyncWindowBufferTest, SecondStartThrowsAndTheFirstWorkerKeepsProducing) {
-  Recorded recorded(FiniteScript(3, 1));
-  AsyncWindowBuffer buffer(std::move(recorded.producer));
-  buffer.Start();
-  EXPECT_EQ(MessageOf<std::runtime_error>([&] { buffer.Start(); }),
-            "AsyncWindowBuffer::Start() can only be called once.");
-  EXPECT_EQ(PopAll(buffer), (std::vector<double>{0, 1, 2, 3}));
-  EXPECT_TRUE(buffer.IsComplete());
-  EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
-}
-
-TEST(AsyncWindowBufferTest, TimedPopsReturnEmptyWhileNothingIsReady) {
-  Script idle;
-  idle.produce = [](std::size_t) { return std::nullopt; };
-  Recorded recorded(idle);
-  AsyncWindowBuffer buffer(std::move(recorded.producer));
-  buffer.Start();
-  EXPECT_FALSE(buffer.PopNowait().has_value());
-  EXPECT_FALSE(buffer.Pop(-5ms).has_value());
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_FALSE(buffer.Pop(1ms).has_value());
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, 1ms);
-  EXPECT_EQ(buffer.LastError(), std::nullopt);
-}
-
-// A full queue holds the worker; Join with a time-out gives up, a stop releases it, and the
-// queued windows are still delivered, without finalising the stopped producer.
-TEST(AsyncWindowBufferTest, StopReleasesAWorkerWaitingForRoomAndKeepsTheQueue) {
-  Recorded recorded;  // never runs out
-  AsyncWindowBuffer buffer(std::move(recorded.producer), 0, 3);
-  buffer.Start();
-  ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 3));
-  EXPECT_FALSE(buffer.Join(10ms));
-  EXPECT_FALSE(buffer.Join(0ns));
-  buffer.Stop();
-  EXPECT_TRUE(Guarded([&] { return buffer.Join(); }, "Join"));
-  EXPECT_TRUE(buffer.Join(0ns));  // joined already
-  EXPECT_EQ(PopAll(buffer), (std::vector<double>{0, 1, 2}));
-  EXPECT_TRUE(buffer.IsComplete());
-  EXPECT_EQ(recorded.log->Count(CallLog::kProduce), 3u);
-  EXPECT_EQ(recorded.log->Count(CallLog::kFinalize), 0u);
-}
-
-TEST(AsyncWindowBufferTest, LongestTimeOutWaitsInsteadOfOverflowing) {
+// While nothing is ready, timed pops return empty once their time is up; the longest time-out
+// waits instead of overflowing.
+TEST(AsyncWindowBufferTest, TimedWaitsEndAtTheirDeadlineAndTheLongestDoesNotOverflow) {
   std::promise<void> release;
   Recorded recorded(testing::Altered(
       FiniteScript(1), [released = release.get_future().share()](std::size_t, auto window) {
@@ -129,6 +94,11 @@ TEST(AsyncWindowBufferTest, LongestTimeOutWaitsInsteadOfOverflowing) {
       }));
   AsyncWindowBuffer buffer(std::move(recorded.producer));
   buffer.Start();
+  EXPECT_FALSE(buffer.PopNowait().has_value());
+  EXPECT_FALSE(buffer.Pop(-5ms).has_value());
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(buffer.Pop(1ms).has_value());
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 1ms);
   auto joined = testing_support::StartDetached(
       [&buffer] { return buffer.Join(std::chrono::nanoseconds::max()); });
   release.set_value();
@@ -165,35 +135,17 @@ TEST(AsyncWindowBufferTest, FailureIsDeliveredAfterQueuedWindowsAndRethrownEvery
   }
 }
 
-TEST(AsyncWindowBufferTest, NonStandardExceptionKeepsItsTypeAndGetsAGenericText) {
-  Script failing;
-  failing.prepare = [] { throw 42; };
-  Recorded recorded(failing);
-  AsyncWindowBuffer buffer(std::move(recorded.producer));
-  buffer.Start();
-  EXPECT_THROW(Guarded([&] { return buffer.Pop(); }, "Pop"), int);
-  EXPECT_EQ(buffer.LastError(), "Unknown native window producer failure.");
-  EXPECT_TRUE(buffer.IsComplete());
-  EXPECT_EQ(recorded.log->Count(CallLog::kProduce), 0u);
-}
-
-TEST(AsyncWindowBufferTest, MovedBufferKeepsItsRunningWorker) {
-  Recorded recorded(FiniteScript(4));
-  AsyncWindowBuffer original(std::move(recorded.producer), 0, 1);
-  original.Start();
-  AsyncWindowBuffer moved(std::move(original));
-  { AsyncWindowBuffer drop(std::move(original)); }  // a moved-from buffer destroys nothing
-  EXPECT_EQ(PopAll(moved), (std::vector<double>{0, 1, 2, 3}));
-}
-
-TEST(AsyncWindowBufferTest, MoveAssignmentAndDestructionStopTheWorkerFirst) {
+// A moved buffer keeps its running worker; move assignment and destruction stop the worker first.
+TEST(AsyncWindowBufferTest, MovesKeepTheWorkerAndAssignmentStopsTheOldOne) {
   Recorded old_recorded;  // never runs out: only a stop ends it
   Recorded new_recorded(FiniteScript(2));
   auto target = std::make_unique<AsyncWindowBuffer>(std::move(old_recorded.producer), 2, 2);
   target->Start();
   ASSERT_TRUE(old_recorded.log->WaitFor(CallLog::kProduce, 2));
-  AsyncWindowBuffer source(std::move(new_recorded.producer));
-  source.Start();
+  AsyncWindowBuffer started(std::move(new_recorded.producer), 0, 1);
+  started.Start();
+  AsyncWindowBuffer source(std::move(started));
+  { AsyncWindowBuffer drop(std::move(started)); }  // a moved-from buffer destroys nothing
 
   *target = std::move(source);
   EXPECT_EQ(old_recorded.log->Count(CallLog::kDestroy), 1u);
@@ -202,6 +154,85 @@ TEST(AsyncWindowBufferTest, MoveAssignmentAndDestructionStopTheWorkerFirst) {
   EXPECT_EQ(PopAll(*target), (std::vector<double>{0, 1}));
   Guarded([&] { target.reset(); }, "destruction");
   EXPECT_EQ(new_recorded.log->Count(CallLog::kDestroy), 1u);
+}
+
+// The calling thread's policy, priority, CPUs and name, as the system reports them.
+WorkerSettings ScheduleOfThisThread() {
+  int policy = 0;
+  sched_param parameters{};
+  cpu_set_t cpus;
+  char name[16] = {};
+  pthread_getschedparam(pthread_self(), &policy, &parameters);
+  pthread_getaffinity_np(pthread_self(), sizeof cpus, &cpus);
+  pthread_getname_np(pthread_self(), name, sizeof name);
+  WorkerSettings schedule{WorkerPolicy::kNormal, parameters.sched_priority, {}, name};
+  if (policy == SCHED_FIFO) schedule.policy = WorkerPolicy::kFifo;
+  if (policy == SCHED_RR) schedule.policy = WorkerPolicy::kRoundRobin;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(static_cast<std::size_t>(cpu), &cpus)) schedule.cpus.push_back(cpu);
+  }
+  return schedule;
+}
+
+// The worker's producer reads back the policy, priority, CPUs and name it runs with.
+TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorker) {
+  const int cpu = ScheduleOfThisThread().cpus.back();
+  const WorkerSettings cases[] = {
+      {WorkerPolicy::kNormal, 0, {cpu}, "corvane-normal"},
+      {WorkerPolicy::kFifo, 10, {cpu}, "corvane-fifo"},
+      {WorkerPolicy::kRoundRobin, 5, {cpu}, "corvane-rr"},
+  };
+  std::string skipped;
+  for (const WorkerSettings& wanted : cases) {
+    auto observed = std::make_shared<WorkerSettings>();
+    Script script = FiniteScript(0);
+    script.prepare = [observed] { *observed = ScheduleOfThisThread(); };
+    Recorded recorded(script);
+    AsyncWindowBuffer buffer(std::move(recorded.producer));
+    try {
+      buffer.Start(wanted);
+    } catch (const std::system_error& error) {
+      if (error.code() != std::errc::operation_not_permitted) throw;
+      skipped += " " + wanted.name;  // no CAP_SYS_NICE, no RLIMIT_RTPRIO
+      continue;
+    }
+    ASSERT_TRUE(Guarded([&] { return buffer.Join(); }, "Join"));
+    const auto fields = [](const WorkerSettings& s) {
+      return std::tie(s.policy, s.priority, s.cpus, s.name);
+    };
+    EXPECT_EQ(fields(*observed), fields(wanted));
+  }
+  if (!skipped.empty()) GTEST_SKIP() << "this process may not use real-time policies:" << skipped;
+}
+
+// A refused setting throws, names the setting, leaves no worker, and Start may be called again,
+// once: a second call throws and the first worker keeps producing.
+TEST(AsyncWindowBufferTest, RefusedSettingLeavesTheBufferStartable) {
+  const int cpu = ScheduleOfThisThread().cpus.front();
+  const struct {
+    WorkerSettings settings;
+    const char* named;
+  } cases[] = {
+      {{WorkerPolicy::kNormal, 0, {}, "a-name-too-long!"}, "WorkerSettings::name"},
+      {{WorkerPolicy::kNormal, 0, {cpu, CPU_SETSIZE - 1}, ""}, "WorkerSettings::cpus (CPU 1023)"},
+      {{WorkerPolicy::kNormal, 0, {-1}, ""}, "WorkerSettings::cpus (CPU -1)"},
+      {{WorkerPolicy::kNormal, 5, {}, ""}, "WorkerSettings::policy"},
+      {{WorkerPolicy::kFifo, 1000, {}, ""}, "WorkerSettings::policy"},
+  };
+  for (const auto& c : cases) {
+    Recorded recorded(FiniteScript(3, 1));
+    AsyncWindowBuffer buffer(std::move(recorded.producer));
+    EXPECT_THAT(MessageOf<std::system_error>([&] { buffer.Start(c.settings); }),
+                ::testing::HasSubstr(c.named));
+    EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 0u);
+    buffer.Start();
+    EXPECT_EQ(MessageOf<std::runtime_error>([&] { buffer.Start(WorkerSettings{}); }),
+              "AsyncWindowBuffer::Start() can only be called once.");
+    EXPECT_EQ(MessageOf<std::runtime_error>([&] { buffer.Start(); }),
+              "AsyncWindowBuffer::Start() can only be called once.");
+    EXPECT_EQ(PopAll(buffer), (std::vector<double>{0, 1, 2, 3}));
+    EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
+  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/failing_allocator.hpp"
 #include "support/scripted_producer.hpp"
 #include "window/async_buffer.hpp"
 
@@ -57,16 +58,23 @@ TEST(WorkerLoopTest, OnlyProducedWindowsAreRecorded) {
   EXPECT_EQ(buffer.Qualify(1.0).total_windows, 3u);
 }
 
-TEST(WorkerLoopTest, FullQueueLetsTheWorkerProduceOneWindowPerPop) {
+// A full queue holds the worker: Join with a time-out gives up, each Pop lets it produce exactly
+// one more window, and a stop releases it, keeping the queue and finalising nothing.
+TEST(WorkerLoopTest, FullQueueHoldsTheWorkerUntilAPopOrAStop) {
   Recorded recorded;  // never runs out
   AsyncWindowBuffer buffer(std::move(recorded.producer), 0, 2);
   buffer.Start();
   ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 2));
+  EXPECT_FALSE(buffer.Join(10ms));
+  EXPECT_FALSE(buffer.Join(0ns));
   EXPECT_EQ(ValueOf(*buffer.Pop()), 0.0);
   ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 3));
   buffer.Stop();
   EXPECT_EQ(JoinAndDrain(buffer), (std::vector<double>{1, 2}));
+  EXPECT_TRUE(buffer.Join(0ns));  // joined already
+  EXPECT_TRUE(buffer.IsComplete());
   EXPECT_EQ(recorded.log->Count(CallLog::kProduce), 3u);
+  EXPECT_EQ(recorded.log->Count(CallLog::kFinalize), 0u);
 }
 
 // A window is charged the larger of its declared compute time and the measured call.
@@ -101,18 +109,42 @@ TEST(WorkerLoopTest, InvalidTailWindowEndsTheWorkerAfterTheEarlierWindows) {
   EXPECT_EQ(buffer.LastError(), "compute_time_s must be finite and non-negative.");
 }
 
+// A failed preparation wakes a consumer waiting in Pop with the failure itself. LastError gives
+// its text, the generic one for a non-standard exception, or a fixed text when there is no
+// memory to copy either.
 TEST(WorkerLoopTest, FailedPreparationWakesAWaitingConsumerWithTheFailure) {
-  Script failing;
-  failing.prepare = [] { throw std::runtime_error("no session."); };
-  Recorded recorded(failing);
-  AsyncWindowBuffer buffer(std::move(recorded.producer), 2);
-  auto consumer = std::async(std::launch::async, [&] { return buffer.Pop(); });
-  buffer.Start();
-  ASSERT_TRUE(testing_support::ReadyInTime(consumer));
-  EXPECT_THROW(consumer.get(), std::runtime_error);
-  EXPECT_EQ(buffer.LastError(), "no session.");
-  EXPECT_TRUE(buffer.IsComplete());
-  EXPECT_EQ(recorded.log->Count(CallLog::kExhausted), 0u);
+  const struct {
+    bool standard;
+    std::size_t failing_allocations;
+    const char* text;
+  } cases[] = {
+      {true, 0, "a failure whose text must be copied to the heap."},
+      {false, 0, "Unknown native window producer failure."},
+      {true, 1, "Out of memory."},
+      {false, 1, "Out of memory."},
+  };
+  for (const auto& c : cases) {
+    Script failing;
+    failing.prepare = [c] {
+      const std::runtime_error error("a failure whose text must be copied to the heap.");
+      testing_support::FailAllocations(c.failing_allocations);  // the failure capture's copy
+      if (c.standard) throw error;
+      throw 7;
+    };
+    Recorded recorded(failing);
+    AsyncWindowBuffer buffer(std::move(recorded.producer), 2);
+    auto consumer = std::async(std::launch::async, [&] { return buffer.Pop(); });
+    buffer.Start();
+    ASSERT_TRUE(testing_support::ReadyInTime(consumer));
+    if (c.standard) {
+      EXPECT_THROW(consumer.get(), std::runtime_error);
+    } else {
+      EXPECT_THROW(consumer.get(), int);
+    }
+    EXPECT_EQ(buffer.LastError(), c.text);
+    EXPECT_TRUE(buffer.IsComplete());
+    EXPECT_EQ(recorded.log->Count(CallLog::kExhausted), 0u);
+  }
 }
 
 }  // namespace

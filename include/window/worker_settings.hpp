@@ -1,0 +1,26 @@
+// How the worker thread of a window buffer is scheduled: its policy and priority, the CPUs it may
+// run on and its name. Given to AsyncWindowBuffer::Start(const WorkerSettings&).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace corvane::control::window {
+
+// The scheduling policy of the worker thread.
+enum class WorkerPolicy {
+  kNormal,      // the system's time-sharing policy (SCHED_OTHER)
+  kFifo,        // real-time, runs until it blocks or yields (SCHED_FIFO)
+  kRoundRobin,  // real-time, time-sliced among threads of equal priority (SCHED_RR)
+};
+
+// Scheduling of the worker thread. The defaults change nothing: the worker then runs as the
+// thread that starts it would create it.
+struct WorkerSettings {
+  WorkerPolicy policy = WorkerPolicy::kNormal;  // scheduling policy
+  int priority = 0;       // 1 (lowest) to 99 on Linux for kFifo and kRoundRobin; 0 for kNormal
+  std::vector<int> cpus;  // CPU numbers the worker may run on; empty: those of the starting thread
+  std::string name;       // thread name, at most 15 characters; empty: the starting thread's name
+};
+
+}  // namespace corvane::control::window

@@ -1,0 +1,43 @@
+// WorkerPolicy, WorkerSettings, and the Start overload of the buffers that takes them.
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <window/async_buffer.hpp>
+#include <window/worker_settings.hpp>
+
+#include "module.hpp"
+
+namespace corvane::python {
+
+void BindWorkerSettings(py::module_& module) {
+  py::enum_<cw::WorkerPolicy>(module, "WorkerPolicy", "The scheduling policy of a worker thread.")
+      .value("kNormal", cw::WorkerPolicy::kNormal)
+      .value("kFifo", cw::WorkerPolicy::kFifo)
+      .value("kRoundRobin", cw::WorkerPolicy::kRoundRobin);
+
+  using Settings = cw::WorkerSettings;
+  py::class_<Settings>(module, "WorkerSettings",
+                       "Scheduling of a buffer's worker thread: policy, priority (1 to 99 for the "
+                       "real-time policies, else 0), the CPUs it may run on (empty: any) and its "
+                       "name (at most 15 characters; empty: inherited).")
+      .def(py::init(
+               [](cw::WorkerPolicy policy, int priority, std::vector<int> cpus, std::string name) {
+                 return Settings{policy, priority, std::move(cpus), std::move(name)};
+               }),
+           py::arg("policy") = cw::WorkerPolicy::kNormal, py::arg("priority") = 0,
+           py::arg("cpus") = std::vector<int>(), py::arg("name") = std::string())
+      .def_readwrite("policy", &Settings::policy)
+      .def_readwrite("priority", &Settings::priority)
+      .def_readwrite("cpus", &Settings::cpus)
+      .def_readwrite("name", &Settings::name);
+
+  // Adds the overload to the Start that the buffers' own binding defines; a refused setting
+  // raises RuntimeError (from std::system_error) with the setting named in its message.
+  auto buffer =
+      py::reinterpret_borrow<py::class_<cw::AsyncWindowBuffer>>(module.attr("AsyncWindowBuffer"));
+  buffer.def("Start", py::overload_cast<const Settings&>(&cw::AsyncWindowBuffer::Start),
+             py::arg("settings"), py::call_guard<py::gil_scoped_release>());
+}
+
+}  // namespace corvane::python

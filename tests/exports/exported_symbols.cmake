@@ -1,0 +1,35 @@
+# Fails unless every name in the scope of every dynamic symbol that LIBRARY defines (a function,
+# vtable or typeinfo) is declared in the headers under INCLUDE_DIR, and none is a private Impl.
+#   cmake -DLIBRARY=<.so> -DINCLUDE_DIR=<include> -P exported_symbols.cmake
+execute_process(COMMAND nm -DC --defined-only ${LIBRARY} OUTPUT_VARIABLE listing
+                COMMAND_ERROR_IS_FATAL ANY)
+file(GLOB headers ${INCLUDE_DIR}/window/*.hpp ${INCLUDE_DIR}/native/*.hpp)
+set(declarations "")
+foreach(header IN LISTS headers)
+  file(READ ${header} text)
+  string(APPEND declarations " ${text} ")
+endforeach()
+
+string(STRIP "${listing}" listing)
+string(REPLACE "\n" ";" lines "${listing}")
+set(strays "")
+foreach(line IN LISTS lines)
+  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] (typeinfo name for |typeinfo for |vtable for )?" ""
+                       symbol "${line}")
+  string(REGEX REPLACE "\\(.*|\\[abi:cxx11\\]" "" scope "${symbol}")
+  if(NOT scope MATCHES "^corvane::(control::window|native)::" OR scope MATCHES "::Impl(::|$)")
+    string(APPEND strays "\n  ${symbol}")
+    continue()
+  endif()
+  string(REGEX REPLACE "^corvane::(control::window|native)::" "" scope "${scope}")
+  string(REPLACE "::" ";" names "${scope}")
+  foreach(name IN LISTS names)
+    string(REGEX REPLACE "^~|^operator=$" "" name "${name}")
+    if(NOT name STREQUAL "" AND NOT declarations MATCHES "[^A-Za-z0-9_]${name}[^A-Za-z0-9_]")
+      string(APPEND strays "\n  ${symbol}")
+    endif()
+  endforeach()
+endforeach()
+if(NOT strays STREQUAL "" OR lines STREQUAL "")
+  message(FATAL_ERROR "exported but not declared in ${INCLUDE_DIR}:${strays}")
+endif()
