@@ -1,5 +1,5 @@
 // The streaming buffer: forwarding to the reference buffer, the stop that finishes the reference
-// first, and a stream end to end with the lifted-MPC producer over an echoing solver.
+// first, and a stream end to end with the lifted-MPC producer over a solver that follows it.
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/follow_reference_solver.hpp"
 #include "support/scripted_producer.hpp"
 #include "window/async_buffer.hpp"
 
@@ -19,27 +20,14 @@ using testing_support::Guarded;
 
 constexpr std::size_t kGlobalStart = 500;
 
-// Answers every request with the first "apply_samples" rows of the reference it was given.
-class EchoSolver final : public LiftedMpcSolveSession {
- public:
-  void Prepare() override {}
-  WindowPayload Solve(const WindowSlice& request) override {
-    const auto rows = static_cast<Eigen::Index>(std::stoul(request.metadata.at("apply_samples")));
-    WindowPayload window;
-    window.positions = request.positions.topRows(rows);
-    window.stop_index = static_cast<std::size_t>(rows);
-    return window;
-  }
-  void Finalize() override {}
-};
-
 struct Stream {
   std::shared_ptr<AppendableReferenceBuffer> reference =
       std::make_shared<AppendableReferenceBuffer>(2);
   AppendableWindowBuffer buffer;
   explicit Stream(std::optional<std::size_t> capacity = std::nullopt)
       : buffer(std::make_unique<AppendableLiftedMpcWindowProducer>(
-                   std::make_unique<EchoSolver>(), reference, 4, 10, 0.001, kGlobalStart),
+                   std::make_unique<testing::FollowReferenceSolver>(), reference, 4, 10, 0.001,
+                   kGlobalStart),
                reference, 0, capacity) {}
 };
 
