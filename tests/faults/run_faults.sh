@@ -8,7 +8,8 @@
 #
 # Each line of faults.txt is: id <TAB> file <TAB> search <TAB> replace, where \n in search and
 # replace stands for a line break and search must occur exactly once. Results go to
-# build-faults/results.txt, a log per fault beside it.
+# build-faults/results.txt (each fault's verdict, seconds and the tests that failed), a log per
+# fault beside it.
 set -euo pipefail
 root=$(git -C "$(dirname "$0")" rev-parse --show-toplevel)
 list=${FAULTS_LIST:-$root/tests/faults/faults.txt}
@@ -33,7 +34,7 @@ cmake -G Ninja -S "$copy" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_LINK_DEPENDS_NO_SHARED=ON -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
   -DCMAKE_C_COMPILER_LAUNCHER=ccache >"$logs/configure" 2>&1
 run_tests() {
-  ctest --test-dir "$build" -j2 --timeout 60 -E "$exclude" --stop-on-failure >"$1" 2>&1
+  ctest --test-dir "$build" -j2 --timeout 60 -E "$exclude" >"$1" 2>&1
 }
 cmake --build "$build" -j2 >"$logs/build" 2>&1
 start=$SECONDS
@@ -65,7 +66,8 @@ while IFS=$'\t' read -r id file search replace; do
     verdict=caught
   fi
   cp "$work/pristine" "$copy/$file"  # a fresh time stamp: the next build restores the object
-  printf '%s\t%s\t%ss\n' "$id" "$verdict" "$((SECONDS - start))" | tee -a "$results"
+  failed=$(sed -n '/tests FAILED:/,$s/^.* - \([^ ]*\) .*$/\1/p' "$logs/$id.tests" 2>/dev/null | paste -sd,)
+  printf '%s\t%s\t%ss\t%s\n' "$id" "$verdict" "$((SECONDS - start))" "$failed" | tee -a "$results"
 done <"$list"
 cmake --build "$build" -j2 >"$logs/restore" 2>&1
 
