@@ -24,7 +24,7 @@ exclude=${FAULTS_EXCLUDE:-'^(fuzz\.|package\.|StreamingSoak)'}
 rm -rf "$copy" "$logs"
 mkdir -p "$copy" "$logs"
 if [[ -n ${FAULTS_REV:-} ]]; then
-  git -C "$root" archive "$FAULTS_REV" | tar -x -C "$copy"
+  git -C "$root" archive "$FAULTS_REV" | tar -x -m -C "$copy"  # -m: stamped now, so all rebuild
 else
   (cd "$root" && git ls-files -co --exclude-standard -z | xargs -0 cp --parents -t "$copy")
 fi
