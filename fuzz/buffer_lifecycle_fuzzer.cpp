@@ -145,7 +145,7 @@ struct Lifecycle {
   }
 
   // One call chosen by the input; false once the buffer has been destroyed.
-  bool Step(FuzzInput& in) {
+  bool Step(FuzzInput& input) {
     using Call = void (*)(Lifecycle&, FuzzInput&);
     static constexpr Call kCalls[] = {
         [](Lifecycle& run, FuzzInput& in) { run.Prefill(in.Below(8)); },
@@ -162,9 +162,9 @@ struct Lifecycle {
           if (run.buffer->Qualify(1.0).total_windows > *run.produced) Fail("history too long");
         },
     };
-    const std::size_t call = in.Below(std::size(kCalls) + 1);
+    const std::size_t call = input.Below(std::size(kCalls) + 1);
     if (call == std::size(kCalls)) return buffer.reset(), false;
-    kCalls[call](*this, in);
+    kCalls[call](*this, input);
     return true;
   }
 };

@@ -1,12 +1,11 @@
-// The streaming buffer: forwarding to the reference buffer, the stop that finishes the reference
-// first, and a stream end to end with the lifted-MPC producer over an echoing solver.
-#include <random>
+// The streaming buffer: forwarding to the reference buffer and the stop that finishes the
+// reference first. A stream end to end is the streaming soak's.
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "support/follow_reference_solver.hpp"
 #include "support/scripted_producer.hpp"
 #include "window/async_buffer.hpp"
 
@@ -17,30 +16,14 @@ using testing::MessageOf;
 using testing::Recorded;
 using testing_support::Guarded;
 
-constexpr std::size_t kGlobalStart = 500;
-
-// Answers every request with the first "apply_samples" rows of the reference it was given.
-class EchoSolver final : public LiftedMpcSolveSession {
- public:
-  void Prepare() override {}
-  WindowPayload Solve(const WindowSlice& request) override {
-    const auto rows = static_cast<Eigen::Index>(std::stoul(request.metadata.at("apply_samples")));
-    WindowPayload window;
-    window.positions = request.positions.topRows(rows);
-    window.stop_index = static_cast<std::size_t>(rows);
-    return window;
-  }
-  void Finalize() override {}
-};
-
+// A buffer whose lifted-MPC producer follows a reference of two joints.
 struct Stream {
   std::shared_ptr<AppendableReferenceBuffer> reference =
       std::make_shared<AppendableReferenceBuffer>(2);
-  AppendableWindowBuffer buffer;
-  explicit Stream(std::optional<std::size_t> capacity = std::nullopt)
-      : buffer(std::make_unique<AppendableLiftedMpcWindowProducer>(
-                   std::make_unique<EchoSolver>(), reference, 4, 10, 0.001, kGlobalStart),
-               reference, 0, capacity) {}
+  AppendableWindowBuffer buffer{
+      std::make_unique<AppendableLiftedMpcWindowProducer>(
+          std::make_unique<testing::FollowReferenceSolver>(), reference, 4, 10, 0.001, 0),
+      reference};
 };
 
 SampleMatrix Block(Eigen::Index rows, double first_value) {
@@ -92,53 +75,6 @@ TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsF
   auto stream = std::make_unique<Stream>();
   stream->buffer.Start();
   Guarded([&] { stream.reset(); }, "destruction");
-}
-
-// The caller appends blocks at irregular moments while the consumer pops. Windows tile the
-// global index line, each one echoes the reference, held samples repeat the sample before them,
-// and after Finish() every remaining window arrives before the buffer is complete.
-TEST(AppendableWindowBufferTest, StreamsEveryAppendedSampleInOrder) {
-  Stream stream(3);
-  stream.buffer.Start();
-  double appended = 0.0;  // sample values climb by one per appended sample
-  std::thread planner([&] {
-    std::mt19937 random(11);
-    for (int block = 0; block < 200; ++block) {
-      const auto rows = static_cast<Eigen::Index>(1 + random() % 7);
-      stream.buffer.AppendReference(Block(rows, appended));
-      appended += static_cast<double>(rows);
-      if (random() % 4 == 0) std::this_thread::yield();  // now and then the planner falls behind
-    }
-    stream.buffer.Finish();
-  });
-  std::vector<WindowPayload> windows;
-  while (auto window = Guarded([&] { return stream.buffer.Pop(); }, "Pop")) {
-    windows.push_back(std::move(*window));
-  }
-  planner.join();
-  EXPECT_TRUE(stream.buffer.IsComplete());
-  EXPECT_EQ(stream.buffer.LastError(), std::nullopt);
-
-  const SampleMatrix reference = stream.buffer.ReferencePositions();
-  std::size_t next = kGlobalStart;
-  for (const WindowPayload& window : windows) {
-    ASSERT_EQ(window.start_index, next);
-    const auto first = static_cast<Eigen::Index>(next - kGlobalStart);
-    EXPECT_EQ(window.positions, reference.middleRows(first, window.positions.rows()));
-    next = window.stop_index;
-  }
-  EXPECT_EQ(next - kGlobalStart, static_cast<std::size_t>(reference.rows()));
-  // Every appended sample is in the reference, in order; a held one repeats its predecessor.
-  double expected = 0.0;
-  for (Eigen::Index r = 0; r < reference.rows(); ++r) {
-    if (reference(r, 0) == expected) {
-      expected += 1.0;
-    } else {
-      ASSERT_GT(r, 0);
-      EXPECT_EQ(reference.row(r), reference.row(r - 1)) << "sample " << r;
-    }
-  }
-  EXPECT_EQ(expected, appended);
 }
 
 }  // namespace

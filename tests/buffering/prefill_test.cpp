@@ -16,17 +16,13 @@ using testing::FiniteScript;
 using testing::Recorded;
 using testing::ValueOf;
 
-TEST(PrefillTest, ZeroWindowsOnlyPreparesTheSession) {
-  Recorded recorded(FiniteScript(3));
-  AsyncWindowBuffer buffer(std::move(recorded.producer));
-  EXPECT_EQ(buffer.Prefill(0), 0u);
-  EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
-  EXPECT_EQ(recorded.log->Count(CallLog::kExhausted) + recorded.log->Count(CallLog::kProduce), 0u);
-}
-
+// Prefill(0) only prepares the session; a larger Prefill stops at exhaustion.
 TEST(PrefillTest, StopsAtExhaustionAndSharesOneSessionWithTheWorker) {
   Recorded recorded(FiniteScript(3));
   AsyncWindowBuffer buffer(std::move(recorded.producer), 0, 1);
+  EXPECT_EQ(buffer.Prefill(0), 0u);
+  EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
+  EXPECT_EQ(recorded.log->Count(CallLog::kExhausted) + recorded.log->Count(CallLog::kProduce), 0u);
   EXPECT_EQ(buffer.Prefill(5), 3u);  // beyond the capacity: Prefill does not wait for room
   EXPECT_EQ(buffer.Prefill(5), 0u);
   EXPECT_FALSE(buffer.IsComplete());  // only the worker finishes the buffer

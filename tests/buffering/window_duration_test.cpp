@@ -21,6 +21,7 @@ TEST(WindowDurationTest, FollowsTimeStampsThenSamplePeriodThenRowCount) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const Case cases[] = {
       {"time-stamp span", 3, std::vector<double>{0.0, 0.1, 0.2}, "5", 0.2},
+      {"two stamps", 2, std::vector<double>{1.0, 1.5}, "5", 0.5},
       {"zero span falls through", 2, std::vector<double>{1.0, 1.0}, "0.01", 0.02},
       {"NaN span falls through", 2, std::vector<double>{nan, 1.0}, std::nullopt, 2.0},
       {"single stamp is no span", 1, std::vector<double>{3.0}, "0.5", 0.5},

@@ -14,6 +14,8 @@
 #include <gtest/gtest.h>
 
 #include "support/detached_call.hpp"
+#include "support/follow_reference_solver.hpp"
+#include "support/scripted_producer.hpp"
 #include "window/producers.hpp"
 #include "window/reference_buffer.hpp"
 
@@ -24,17 +26,16 @@ using Call = std::function<void()>;
 using Metadata = std::map<std::string, std::string>;
 
 template <typename Error>
-testing::Matcher<Call> Throws(const std::string& message) {
-  return testing::ThrowsMessage<Error>(testing::StrEq(message));
+::testing::Matcher<Call> Throws(const std::string& message) {
+  return ::testing::ThrowsMessage<Error>(::testing::StrEq(message));
 }
 
-// The request's first "apply_samples" rows (plus `extra_rows`) over [0, apply_samples +
-// extra_stop), with metadata of its own, one key of which the producer must replace.
+// What a solver that follows the reference answers, with `extra_rows` more rows and a range
+// `extra_stop` longer, and metadata of its own, one key of which the producer must replace.
 WindowPayload Answer(const WindowSlice& request, Eigen::Index extra_rows = 0, int extra_stop = 0) {
-  WindowPayload answer;
-  const Eigen::Index apply = std::stol(request.metadata.at("apply_samples"));
-  answer.positions = request.positions.topRows(apply + extra_rows);
-  answer.stop_index = std::size_t(apply + extra_stop);
+  WindowPayload answer = testing::FollowReference(request);
+  answer.positions = request.positions.topRows(answer.positions.rows() + extra_rows);
+  answer.stop_index += std::size_t(extra_stop);
   answer.compute_time_s = 0.25;
   answer.metadata = {{"solver", "kept"}, {"sample_time_s", "9"}};
   return answer;
@@ -71,7 +72,7 @@ struct Harness {
   }
   std::shared_ptr<AppendableReferenceBuffer> reference =
       std::make_shared<AppendableReferenceBuffer>(2);
-  testing::NiceMock<MockSolver>* solver = new testing::NiceMock<MockSolver>;
+  ::testing::NiceMock<MockSolver>* solver = new ::testing::NiceMock<MockSolver>;
   AppendableLiftedMpcWindowProducer producer;
 };
 
@@ -124,7 +125,7 @@ TEST(AppendableLiftedMpcWindowProducer, ConstructorChecksPointersThenWindowSizes
       {true, true, 21, 0.01, sizes}, {true, true, 5, 0.0, period}, {true, true, 5, -0.01, period},
       {true, true, 5, nan, period},  {true, true, 5, inf, period}};
   for (const auto& [with_solver, with_reference, apply, sample_time_s, message] : cases) {
-    auto solver = std::make_unique<testing::StrictMock<MockSolver>>();
+    auto solver = std::make_unique<::testing::StrictMock<MockSolver>>();
     EXPECT_CALL(*solver, Deleted(0));  // not leaked when the constructor throws
     auto reference = with_reference ? std::make_shared<AppendableReferenceBuffer>(2) : nullptr;
     EXPECT_THAT(
@@ -164,20 +165,20 @@ TEST(AppendableLiftedMpcWindowProducer, WaitsOnlyForTheFirstSampleAndSolvesOutsi
 
 // The answer is validated as it came back, before its row count is compared; the cursor stays.
 TEST(AppendableLiftedMpcWindowProducer, BadAnswersFailAndTheNextCallAsksForTheSameWindow) {
-  const std::pair<testing::Action<WindowPayload(const WindowSlice&)>, testing::Matcher<Call>>
+  const std::pair<::testing::Action<WindowPayload(const WindowSlice&)>, ::testing::Matcher<Call>>
       cases[] = {{[](const WindowSlice& r) { return Answer(r, 1, 1); },
                   Throws<std::runtime_error>(
                       "Lifted MPC solve output must match the requested apply count.")},
                  {[](const WindowSlice& r) { return Answer(r, 1); },
                   Throws<std::invalid_argument>(
                       "The global half-open range must match the position row count.")},
-                 {testing::Throw(std::domain_error("solver failed")),
+                 {::testing::Throw(std::domain_error("solver failed")),
                   Throws<std::domain_error>("solver failed")}};
   for (const auto& [bad_answer, error] : cases) {
     Harness h(12, 5, 8);
     h.producer.PrepareSession();
     h.producer.ProduceNext();
-    EXPECT_CALL(*h.solver, Solve(testing::Field(&WindowSlice::start_index, 5u)))
+    EXPECT_CALL(*h.solver, Solve(::testing::Field(&WindowSlice::start_index, 5u)))
         .WillOnce(bad_answer)
         .WillOnce([](const WindowSlice& r) { return Answer(r); });
     EXPECT_THAT([&] { h.producer.ProduceNext(); }, error);
@@ -190,13 +191,16 @@ TEST(AppendableLiftedMpcWindowProducer, BadAnswersFailAndTheNextCallAsksForTheSa
 TEST(AppendableLiftedMpcWindowProducer, PrepareAndFinalizeReachTheSolverUntilOneCallReturns) {
   Harness h(0, 1, 2);  // empty and open: waiting on it would block
   EXPECT_CALL(*h.solver, Prepare())
-      .WillOnce(testing::Throw(std::runtime_error("Prepare failed")))
-      .WillOnce(testing::Return());
+      .WillOnce(::testing::Throw(std::runtime_error("Prepare failed")))
+      .WillOnce(::testing::Return());
   EXPECT_CALL(*h.solver, Finalize())
-      .WillOnce(testing::Throw(std::runtime_error("Finalize failed")))
-      .WillOnce(testing::Return());
-  EXPECT_THAT([&] { testing_support::Guarded([&] { h.producer.ProduceNext(); }); },
-              Throws<std::runtime_error>("PrepareSession() must run before ProduceNext()."));
+      .WillOnce(::testing::Throw(std::runtime_error("Finalize failed")))
+      .WillOnce(::testing::Return());
+  // The message is taken on the guarded thread: only a plain string crosses to this one.
+  EXPECT_EQ(testing_support::Guarded([&] {
+              return testing::MessageOf<std::runtime_error>([&] { h.producer.ProduceNext(); });
+            }),
+            "PrepareSession() must run before ProduceNext().");
   EXPECT_THAT([&] { h.producer.PrepareSession(); }, Throws<std::runtime_error>("Prepare failed"));
   h.producer.PrepareSession();
   EXPECT_THAT(
@@ -220,7 +224,7 @@ TEST(AppendableLiftedMpcWindowProducer, DestructorFinalizesOnlyAPreparedUnfinali
     if (prepare) h.producer.PrepareSession();
     if (finalize) h.producer.Finalize();
     ON_CALL(*h.solver, Finalize())
-        .WillByDefault(testing::Throw(std::runtime_error("in destructor")));
+        .WillByDefault(::testing::Throw(std::runtime_error("in destructor")));
   }
 }
 

@@ -1,0 +1,36 @@
+// Runs a fuzzer's inputs once each without libFuzzer, so that the seed corpus is a regression
+// test in every build: the files named on the command line and every file in the folders named
+// there. A broken property aborts, as it does under libFuzzer.
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace {
+
+void Replay(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  const std::vector<char> bytes{std::istreambuf_iterator<char>(stream), {}};
+  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::size_t inputs = 0;
+  for (int i = 1; i < argc; ++i) {
+    if (!std::filesystem::is_directory(argv[i])) {
+      Replay(argv[i]), ++inputs;
+      continue;
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
+      Replay(entry.path()), ++inputs;
+    }
+  }
+  std::printf("%zu inputs replayed\n", inputs);
+  return inputs > 0 ? 0 : 1;  // an empty corpus checks nothing
+}
