@@ -32,6 +32,9 @@ struct LiftedMpcWeights {
   double acceleration_change_s4 = 1e-8;  // [s^4] on each squared change of acceleration
 };
 
+// A lifted-MPC solve session for independent double-integrator joints: each request's positions
+// are tracked by a quadratic cost on tracking error, acceleration and its change, whose gains are
+// cached per horizon.
 class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSolveSession {
  public:
   // sample_time_s: [s] the period of the request rows, finite and positive.

@@ -27,10 +27,10 @@ CORVANE_EXPORT RingingEstimate EstimateRinging(const Eigen::VectorXd& samples,
 
 // A shaper chosen for a mode whose frequency is known only within a band.
 struct ShaperChoice {
-  ShaperKind kind = ShaperKind::kZv;
-  ImpulseSequence shaper;
-  double duration_s = 0.0;       // [s] the delay the shaper adds: its last impulse's time
-  double worst_vibration = 0.0;  // [-] largest residual vibration over the frequency band
+  ShaperKind kind = ShaperKind::kZv;  // which design of the family was chosen
+  ImpulseSequence shaper;             // its impulses, designed for the mode
+  double duration_s = 0.0;            // [s] the delay the shaper adds: its last impulse's time
+  double worst_vibration = 0.0;       // [-] largest residual vibration over the frequency band
 };
 
 // The shortest shaper of the family whose residual vibration stays at or below vibration_limit
