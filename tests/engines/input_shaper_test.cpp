@@ -60,8 +60,7 @@ double ClosedFormVibration(const ImpulseSequence& shaper, double frequency_hz, d
 // undamped mode, at 2 % and 5 %: EI 0.25 and 0.40, two-hump 0.54 and 0.72, three-hump 0.78 and
 // 0.96 of the design frequency; damping widens them).
 TEST(InputShaperTest, ResidualVibrationMeetsEachDesignsProperty) {
-  // Per kind, in the order of kShaperKinds: the vibration at the design mode as a share of the
-  // tolerance, and the relative half-widths of the band held at or below a tolerance of 2, 5 %.
+  // By kind: the vibration at the design mode over V, and the band's half-widths for V of 2, 5 %.
   const double at_design[] = {0, 0, 0, 1, 0, 1};
   const double bands[][2] = {{0, 0}, {0, 0}, {0, 0}, {0.12, 0.19}, {0.26, 0.35}, {0.38, 0.47}};
   for (const ShaperKind kind : kShaperKinds) {
