@@ -38,19 +38,12 @@ std::unique_ptr<WindowProducerSession> ScriptedProducer(
   };
   script.exhausted = [log, calls] { return calls < 40 && log->Count(CallLog::kProduce) >= calls; };
   script.produce = [answers, next](std::size_t n) -> std::optional<WindowPayload> {
-    switch (answers[n % answers.size()] % 16) {
-      case 10:
-      case 11:
-        return std::nullopt;
-      case 12:
-        return testing::MakeWindow(std::numeric_limits<double>::quiet_NaN());
-      case 13:
-        throw std::runtime_error(kScriptedFailure);
-      case 14:
-        throw 14;
-      default:
-        return next();
-    }
+    const int answer = answers[n % answers.size()] % 16;
+    if (answer == 10 || answer == 11) return std::nullopt;
+    if (answer == 12) return testing::MakeWindow(std::numeric_limits<double>::quiet_NaN());
+    if (answer == 13) throw std::runtime_error(kScriptedFailure);
+    if (answer == 14) throw 14;
+    return next();
   };
   script.finalize = [tail, finalize_fails, next](std::size_t n) -> std::optional<WindowPayload> {
     if (n < tail) return next();
@@ -75,21 +68,15 @@ struct Lifecycle {
         Fail("a window came out of order, twice, or after a lost one");
       }
       return !window;
-    } catch (...) {
-      CheckFailure();
-      return true;
-    }
-  }
-  // Called while Pop's exception is being handled: it must be the worker's own failure, and
-  // come after every window produced.
-  void CheckFailure() const {
-    std::string text = "Unknown native window producer failure.";
-    try {
-      throw;
     } catch (const std::exception& error) {
-      text = error.what();
+      CheckFailure(error.what());
     } catch (int) {
+      CheckFailure("Unknown native window producer failure.");
     }
+    return true;
+  }
+  // Pop threw `text`: it must be the worker's own failure, and come after every window produced.
+  void CheckFailure(const std::string& text) const {
     if (buffer->LastError() != text) Fail("Pop threw something other than the worker's failure");
     if (buffer->HasBufferedData() || delivered != *produced) Fail("a failure overtook a window");
   }

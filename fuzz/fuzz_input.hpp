@@ -43,20 +43,18 @@ class FuzzInput {
   // Mostly multiples of 1/16 in [-0.5, 1.5); one in eight a special value: signed zeros,
   // subnormals, the extremes of double, the neighbours of 1.0, NaN and both infinities.
   double Value() {
-    static constexpr double kSpecial[] = {
-        -0.0,
-        std::numeric_limits<double>::denorm_min(),
-        -std::numeric_limits<double>::denorm_min(),
-        std::numeric_limits<double>::min(),
-        std::numeric_limits<double>::max(),
-        std::numeric_limits<double>::lowest(),
-        1.0 + std::numeric_limits<double>::epsilon(),
-        1.0 - std::numeric_limits<double>::epsilon() / 2,
-        std::numeric_limits<double>::quiet_NaN(),
-        -std::numeric_limits<double>::quiet_NaN(),
-        std::numeric_limits<double>::infinity(),
-        -std::numeric_limits<double>::infinity(),
-    };
+    static constexpr double kSpecial[] = {-0.0,
+                                          std::numeric_limits<double>::denorm_min(),
+                                          -std::numeric_limits<double>::denorm_min(),
+                                          std::numeric_limits<double>::min(),
+                                          std::numeric_limits<double>::max(),
+                                          std::numeric_limits<double>::lowest(),
+                                          1.0 + std::numeric_limits<double>::epsilon(),
+                                          1.0 - std::numeric_limits<double>::epsilon() / 2,
+                                          std::numeric_limits<double>::quiet_NaN(),
+                                          -std::numeric_limits<double>::quiet_NaN(),
+                                          std::numeric_limits<double>::infinity(),
+                                          -std::numeric_limits<double>::infinity()};
     const std::uint8_t code = Byte();
     if (code < 224) return static_cast<double>(code % 32) / 16.0 - 0.5;
     return kSpecial[(code - 224) % std::size(kSpecial)];
@@ -110,10 +108,6 @@ class FuzzInput {
   std::size_t size_;
   std::size_t next_ = 0;
 };
-
-}  // namespace corvane::fuzzing
-
-namespace corvane::fuzzing {
 
 // What one input does; each fuzzer's one source file defines it.
 void RunInput(FuzzInput& in);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,14 +27,11 @@ std::string Text(std::size_t value) { return std::to_string(value); }
 std::string Text(const AppendedRange& range) {
   return Text(range.start_index) + "-" + Text(range.stop_index);
 }
-std::string Text(const SampleMatrix& values) {
-  std::string text = Text(std::size_t(values.rows())) + "x" + Text(std::size_t(values.cols()));
-  char value[32];
-  for (Eigen::Index i = 0; i < values.size(); ++i) {
-    std::snprintf(value, sizeof value, " %a", values.data()[i]);  // exact, keeps the sign of 0
-    text += value;
-  }
-  return text;
+std::string Text(const SampleMatrix& values) {  // exact, and keeps the sign of zero
+  std::ostringstream text;
+  text << values.rows() << "x" << values.cols() << std::hexfloat;
+  for (Eigen::Index i = 0; i < values.size(); ++i) text << ' ' << values.data()[i];
+  return text.str();
 }
 std::string Text(const ReferenceWindow& window) {
   return Text(window.positions) + " padded " + Text(window.terminal_padding_samples);

@@ -12,25 +12,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace {
 
-void Replay(const std::filesystem::path& file) {
-  std::ifstream stream(file, std::ios::binary);
+// Replays the file at `path`, or every file in the folder there; returns how many inputs ran.
+std::size_t Replay(const std::filesystem::path& path) {
+  std::size_t inputs = 0;
+  if (std::filesystem::is_directory(path)) {
+    for (const auto& entry : std::filesystem::directory_iterator(path)) inputs += Replay(entry);
+    return inputs;
+  }
+  std::ifstream stream(path, std::ios::binary);
   const std::vector<char> bytes{std::istreambuf_iterator<char>(stream), {}};
   LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+  return 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   std::size_t inputs = 0;
-  for (int i = 1; i < argc; ++i) {
-    if (!std::filesystem::is_directory(argv[i])) {
-      Replay(argv[i]), ++inputs;
-      continue;
-    }
-    for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-      Replay(entry.path()), ++inputs;
-    }
-  }
+  for (int i = 1; i < argc; ++i) inputs += Replay(argv[i]);
   std::printf("%zu inputs replayed\n", inputs);
   return inputs > 0 ? 0 : 1;  // an empty corpus checks nothing
 }

@@ -7,6 +7,7 @@
 #include <exception>
 #include <initializer_list>
 #include <tuple>
+#include <type_traits>
 #include <typeinfo>
 
 #include "fuzz_input.hpp"
@@ -19,9 +20,7 @@ using Messages = std::initializer_list<const char*>;
 
 template <typename Derived>
 bool Finite(const Eigen::DenseBase<Derived>& values) {
-  const Derived& array = values.derived();
-  return std::all_of(array.data(), array.data() + array.size(),
-                     [](double value) { return std::isfinite(value); });
+  return values.allFinite();
 }
 template <typename Array>
 bool Finite(const std::optional<Array>& values) {
@@ -63,34 +62,23 @@ constexpr Messages kSliceMessages = {
     "time_s must be finite.",
     "compute_time_s must be finite and non-negative."};  // a payload's only
 
-// The six fields that WindowSlice and WindowPayload share.
-template <typename Record>
-Record SampleRecord(FuzzInput& in) {
-  Record record;
+// A WindowSlice, or a WindowPayload with its compute time, through its validator.
+template <typename Record, void (*kValidate)(const Record&)>
+void CheckSample(FuzzInput& in) {
+  Record r;
   const Eigen::Index rows = in.Dimension(), cols = in.Dimension();
-  record.positions = in.Values<SampleMatrix>(rows, cols);
-  record.velocities = in.Maybe([&] { return in.MatrixLike(rows, cols); });
-  record.accelerations = in.Maybe([&] { return in.MatrixLike(rows, cols); });
-  record.time_s = in.Maybe([&] { return in.VectorLike(rows); });
-  std::tie(record.start_index, record.stop_index) = in.Range(rows);
-  return record;
-}
-template <typename Record>
-bool SoundSample(const Record& r) {
-  return AllFinite(r.positions, r.velocities, r.accelerations, r.time_s) &&
-         Spans(r.start_index, r.stop_index, r.positions.rows());
-}
-
-void CheckSlice(FuzzInput& in) {
-  const auto slice = SampleRecord<WindowSlice>(in);
-  Check<std::invalid_argument>(slice, ValidateWindowSlice, kSliceMessages, SoundSample(slice));
-}
-
-void CheckPayload(FuzzInput& in) {
-  auto payload = SampleRecord<WindowPayload>(in);
-  payload.compute_time_s = in.Value();
-  Check<std::invalid_argument>(payload, ValidateWindowPayload, kSliceMessages,
-                               SoundSample(payload) && std::isfinite(payload.compute_time_s));
+  r.positions = in.Values<SampleMatrix>(rows, cols);
+  r.velocities = in.Maybe([&] { return in.MatrixLike(rows, cols); });
+  r.accelerations = in.Maybe([&] { return in.MatrixLike(rows, cols); });
+  r.time_s = in.Maybe([&] { return in.VectorLike(rows); });
+  std::tie(r.start_index, r.stop_index) = in.Range(rows);
+  bool sound = AllFinite(r.positions, r.velocities, r.accelerations, r.time_s) &&
+               Spans(r.start_index, r.stop_index, rows);
+  if constexpr (std::is_same_v<Record, WindowPayload>) {
+    r.compute_time_s = in.Value();
+    sound = sound && std::isfinite(r.compute_time_s);
+  }
+  Check<std::invalid_argument>(r, kValidate, kSliceMessages, sound);
 }
 
 void CheckShaped(FuzzInput& in) {
@@ -148,45 +136,41 @@ constexpr Messages kTaskSpaceMessages = {
     "task-space window range must match its sample count.",  // a window's only
     "task-space compute_time_s must be finite and nonnegative."};
 
-// Samples and joints of 0 to 4; the times are mostly sorted, so that their order passes.
-TaskSpaceShapedTrajectory TaskSpaceRecord(FuzzInput& in) {
-  const Eigen::Index n = in.Dimension(), joints = in.Dimension();
-  TaskSpaceShapedTrajectory t{
-      in.MatrixLike(n, 3),      in.Maybe([&] { return in.MatrixLike(n, 4); }),
-      in.MatrixLike(n, 3),      in.MatrixLike(n, 3),
-      in.MatrixLike(n, joints), in.MatrixLike(n, joints),
-      in.MatrixLike(n, joints), in.VectorLike(n)};
-  if (!in.OneIn(4)) std::sort(t.time_s.data(), t.time_s.data() + t.time_s.size());
-  return t;
-}
-bool SoundTaskSpace(const TaskSpaceShapedTrajectory& t) {
-  return t.positions.rows() >= 1 &&
-         AllFinite(t.positions, t.orientations, t.velocities, t.accelerations, t.joint_positions,
-                   t.joint_velocities, t.joint_accelerations, t.time_s);
-}
-
+// A trajectory, or a window that holds one, through its validator. Samples and joints of 0 to 4;
+// the times are mostly sorted, so that their order passes.
+template <bool kWindow>
 void CheckTaskSpace(FuzzInput& in) {
-  const TaskSpaceShapedTrajectory t = TaskSpaceRecord(in);
-  Check<native::InvalidArgumentError>(t, ValidateTaskSpaceShapedTrajectory, kTaskSpaceMessages,
-                                      SoundTaskSpace(t));
-}
-
-void CheckTaskSpaceWindow(FuzzInput& in) {
-  TaskSpaceShapedWindow w{TaskSpaceRecord(in)};
-  std::tie(w.start_index, w.stop_index) = in.Range(w.trajectory.positions.rows());
+  const Eigen::Index n = in.Dimension(), joints = in.Dimension();
+  TaskSpaceShapedWindow w{{in.MatrixLike(n, 3), in.Maybe([&] { return in.MatrixLike(n, 4); }),
+                           in.MatrixLike(n, 3), in.MatrixLike(n, 3), in.MatrixLike(n, joints),
+                           in.MatrixLike(n, joints), in.MatrixLike(n, joints), in.VectorLike(n)}};
+  TaskSpaceShapedTrajectory& t = w.trajectory;
+  if (!in.OneIn(4)) std::sort(t.time_s.data(), t.time_s.data() + t.time_s.size());
+  const bool sound =
+      t.positions.rows() >= 1 &&
+      AllFinite(t.positions, t.orientations, t.velocities, t.accelerations, t.joint_positions,
+                t.joint_velocities, t.joint_accelerations, t.time_s);
+  if (!kWindow) {
+    return Check<native::InvalidArgumentError>(t, ValidateTaskSpaceShapedTrajectory,
+                                               kTaskSpaceMessages, sound);
+  }
+  std::tie(w.start_index, w.stop_index) = in.Range(t.positions.rows());
   w.compute_time_s = in.Value();
-  Check<native::InvalidArgumentError>(
-      w, ValidateTaskSpaceShapedWindow, kTaskSpaceMessages,
-      SoundTaskSpace(w.trajectory) && std::isfinite(w.compute_time_s) &&
-          Spans(w.start_index, w.stop_index, w.trajectory.positions.rows()));
+  Check<native::InvalidArgumentError>(w, ValidateTaskSpaceShapedWindow, kTaskSpaceMessages,
+                                      sound && std::isfinite(w.compute_time_s) &&
+                                          Spans(w.start_index, w.stop_index, t.positions.rows()));
 }
 
 }  // namespace
 
 // One record after another, each of a kind chosen by the input, until the bytes run out.
 void RunInput(FuzzInput& in) {
-  constexpr void (*kChecks[])(FuzzInput&) = {CheckSlice,      CheckPayload,   CheckShaped,
-                                             CheckTrajectory, CheckTaskSpace, CheckTaskSpaceWindow};
+  constexpr void (*kChecks[])(FuzzInput&) = {CheckSample<WindowSlice, ValidateWindowSlice>,
+                                             CheckSample<WindowPayload, ValidateWindowPayload>,
+                                             CheckShaped,
+                                             CheckTrajectory,
+                                             CheckTaskSpace<false>,
+                                             CheckTaskSpace<true>};
   while (!in.Empty()) kChecks[in.Below(std::size(kChecks))](in);
 }
 

@@ -1,6 +1,5 @@
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 
-#include <algorithm>
 #include <cstddef>
 #include <stdexcept>
 
@@ -20,13 +19,12 @@ constexpr Eigen::Index kStepRow = 200;  // the step comes at 0.2 s
 // The request the streaming producer sends at `cursor`: kLookahead rows of the reference, padded
 // with its last row, asking for kApply rows.
 cw::WindowSlice RequestAt(const cw::SampleMatrix& reference, Eigen::Index cursor) {
+  using Rows = Eigen::ArrayX<Eigen::Index>;
+  const Rows rows = Rows::LinSpaced(kLookahead, cursor, cursor + kLookahead - 1);
   const auto first = static_cast<std::size_t>(cursor);
-  cw::WindowSlice request{
-      cw::SampleMatrix(kLookahead, reference.cols()), {}, {}, {}, first, first + kLookahead, {}};
+  cw::WindowSlice request{{}, {}, {}, {}, first, first + kLookahead, {}};
+  request.positions = reference(rows.min(reference.rows() - 1), Eigen::all);
   request.metadata["apply_samples"] = "10";
-  for (Eigen::Index k = 0; k < kLookahead; ++k) {
-    request.positions.row(k) = reference.row(std::min(cursor + k, reference.rows() - 1));
-  }
   return request;
 }
 

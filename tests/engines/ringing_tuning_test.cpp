@@ -20,13 +20,10 @@ Eigen::VectorXd Ringing(const VibrationMode& mode, double rate_hz, double second
   std::mt19937 random(seed);
   std::normal_distribution<double> noise(0.0, 0.01);
   const double w = 2 * kPi * mode.natural_frequency_hz, z = mode.damping_ratio;
-  Eigen::VectorXd x(static_cast<Eigen::Index>(seconds * rate_hz));
-  for (Eigen::Index k = 0; k < x.size(); ++k) {
-    const double t = static_cast<double>(k) / rate_hz;
-    x(k) = std::exp(-z * w * t) * std::cos(w * std::sqrt(1 - z * z) * t + phase) + offset +
-           noise(random);
-  }
-  return x;
+  const auto n = static_cast<Eigen::Index>(seconds * rate_hz);
+  const Eigen::ArrayXd t = Eigen::ArrayXd::LinSpaced(n, 0, static_cast<double>(n - 1)) / rate_hz;
+  const Eigen::ArrayXd ringing = (-z * w * t).exp() * (w * std::sqrt(1 - z * z) * t + phase).cos();
+  return ringing.matrix() + Eigen::VectorXd::NullaryExpr(n, [&] { return offset + noise(random); });
 }
 
 // Deflection (with a rest offset) and acceleration (none) recordings of modes from 3 to 40 Hz:

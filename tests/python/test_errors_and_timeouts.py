@@ -7,7 +7,7 @@ import numpy as np
 import pytest
 
 import corvane_window as cw
-from conftest import WAIT_S
+from conftest import WAIT_S, IdleSolver
 
 
 def taken_producer():
@@ -63,11 +63,9 @@ def test_timeouts_in_seconds_or_timedelta(timeout, samples, stored):
 
 
 def test_pop_and_join_give_up_at_their_deadline():
-    solver = type("Solver", (cw.LiftedMpcSolveSession,), {"Prepare": lambda self: None,
-                                                          "Finalize": lambda self: None})()
     reference = cw.AppendableReferenceBuffer(1)  # no sample arrives: the solver is never asked
     buffer = cw.AppendableWindowBuffer(
-        cw.AppendableLiftedMpcWindowProducer(solver, reference, 1, 1, 0.001, 0), reference)
+        cw.AppendableLiftedMpcWindowProducer(IdleSolver(), reference, 1, 1, 0.001, 0), reference)
     buffer.Start()
     assert buffer.Pop(timeout=0.06) is None  # longer than one slice of a wait
     assert buffer.Join(datetime.timedelta(milliseconds=60)) is False

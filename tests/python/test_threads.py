@@ -9,7 +9,7 @@ import numpy as np
 import pytest
 
 import corvane_window as cw
-from conftest import WAIT_S, run_python
+from conftest import WAIT_S, IdleSolver, run_python
 
 
 class EchoSolver(cw.LiftedMpcSolveSession):
@@ -40,21 +40,15 @@ def stream(solver, reference, **buffer_options):
     return buffer
 
 
-def drain(buffer):
-    windows = []
-    while (window := buffer.Pop(timeout=WAIT_S)) is not None:
-        windows.append(window)
-    assert buffer.IsComplete()
-    return windows
-
-
 def test_python_solver_runs_on_the_worker_while_python_pops_and_lives_with_the_buffer():
     solver = EchoSolver()
     calls, alive = solver.calls, weakref.ref(solver)
     reference = np.arange(20.0).reshape(10, 2)
     buffer = stream(solver, reference, max_buffered_windows=1)  # Pop waits for each Solve
     del solver  # the producer keeps it
-    assert np.array_equal(np.vstack([window.positions for window in drain(buffer)]), reference)
+    windows = iter(lambda: buffer.Pop(timeout=WAIT_S), None)
+    assert np.array_equal(np.vstack([window.positions for window in windows]), reference)
+    assert buffer.IsComplete()
     assert calls[0] == "Prepare" and calls[-1] == "Finalize" and len(calls) == 7
     assert threading.get_ident() not in calls
     del buffer
@@ -82,9 +76,8 @@ def fail(self, request):
      "Solve() returned NoneType, which does not convert to its result type."),
     (fail, SolverFault, "no solution")])
 def test_python_solver_faults_reach_every_pop_as_themselves(solve, error, message):
-    methods = {"Prepare": lambda self: None, "Finalize": lambda self: None}
-    methods.update({"Solve": solve} if solve else {})
-    buffer = stream(type("Solver", (cw.LiftedMpcSolveSession,), methods)(), np.zeros((4, 2)))
+    solver = type("Solver", (IdleSolver,), {"Solve": solve} if solve else {})()
+    buffer = stream(solver, np.zeros((4, 2)))
     with pytest.raises(error) as first:
         buffer.Pop(timeout=WAIT_S)
     with pytest.raises(error) as again:

@@ -10,16 +10,11 @@ from conftest import WAIT_S
 
 class ScheduleProbe(cw.WindowProducerSession):
     """Notes, on the worker, the CPUs and thread name it runs with; has no windows."""
+    IsExhausted, Finalize = lambda self: True, lambda self: None
 
     def PrepareSession(self):
         with open(f"/proc/self/task/{threading.get_native_id()}/comm") as comm:
             self.seen = (os.sched_getaffinity(0), comm.read().strip())
-
-    def IsExhausted(self):
-        return True
-
-    def Finalize(self):
-        return None
 
 
 def test_start_with_settings_schedules_the_worker_and_a_refusal_names_the_setting():
