@@ -62,7 +62,7 @@ while IFS=$'\t' read -r id file search replace; do
   cp "$copy/$file" "$work/pristine"
   start=$SECONDS
   if ! FAULT_SEARCH=$search FAULT_REPLACE=$replace inject "$copy/$file" 2>"$logs/$id.inject"; then
-    verdict=bad-pattern
+    verdict=bad-pattern  # the anchor no longer applies: not applicable
   elif ! cmake --build "$build" -j2 --target "${targets[@]}" >"$logs/$id.build" 2>&1; then
     verdict=does-not-build
   elif run_tests "$logs/$id.tests"; then
@@ -71,7 +71,7 @@ while IFS=$'\t' read -r id file search replace; do
     verdict=caught
   fi
   cp "$work/pristine" "$copy/$file"  # a fresh time stamp: the next build restores the object
-  failed=$(sed -n '/tests FAILED:/,$s/^.* - \([^ ]*\) .*$/\1/p' "$logs/$id.tests" 2>/dev/null | paste -sd,)
+  failed=$(sed -n '/tests FAILED:/,$s/^.* - \([^ ]*\) .*$/\1/p' "$logs/$id.tests" 2>/dev/null | paste -sd, || true)
   printf '%s\t%s\t%ss\t%s\n' "$id" "$verdict" "$((SECONDS - start))" "$failed" | tee -a "$results"
 done <"$list"
 cmake --build "$build" -j2 --target "${targets[@]}" >"$logs/restore" 2>&1
