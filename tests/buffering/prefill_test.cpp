@@ -42,12 +42,8 @@ TEST(PrefillTest, AfterStartThrowsWithoutTouchingTheProducer) {
   AsyncWindowBuffer buffer(std::move(recorded.producer));
   buffer.Start();
   ASSERT_TRUE(recorded.log->WaitFor(CallLog::kPrepare, 1));
-  try {
-    buffer.Prefill(0);
-    ADD_FAILURE() << "Prefill after Start() did not throw";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "Prefill must be called before Start().");
-  }
+  EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.Prefill(0); }),
+            "Prefill must be called before Start().");
   EXPECT_TRUE(testing_support::Guarded([&] { return buffer.Join(); }, "Join"));
   EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
 }

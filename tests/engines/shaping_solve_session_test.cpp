@@ -10,7 +10,7 @@
 #include <corvane_shaper_engines/shaper_designs.hpp>
 #include <window/reference_buffer.hpp>
 
-#include "support/echo_solver.hpp"
+#include "support/follow_reference_solver.hpp"
 
 namespace corvane::control::engines {
 namespace {
@@ -43,8 +43,8 @@ Stream StreamShaped(const ImpulseSequence& shaper, Eigen::Index block_rows, int 
   const cw::SampleMatrix reference = Reference();
   auto stored = std::make_shared<cw::AppendableReferenceBuffer>(2);
   cw::AppendableLiftedMpcWindowProducer producer(
-      std::make_unique<ShapingSolveSession>(std::make_unique<cw::testing::EchoSolver>(fail_at),
-                                            shaper, kSampleTimeS),
+      std::make_unique<ShapingSolveSession>(
+          std::make_unique<cw::testing::FollowReferenceSolver>(fail_at), shaper, kSampleTimeS),
       stored, kApply, kLookahead, kSampleTimeS, 0);
   producer.PrepareSession();
   Stream stream{cw::SampleMatrix(0, 2), {}};

@@ -31,11 +31,10 @@ template <typename Error>
 }
 
 // What a solver that follows the reference answers, with `extra_rows` more rows and a range
-// `extra_stop` longer, and metadata of its own, one key of which the producer must replace.
-WindowPayload Answer(const WindowSlice& request, Eigen::Index extra_rows = 0, int extra_stop = 0) {
-  WindowPayload answer = testing::FollowReference(request);
-  answer.positions = request.positions.topRows(answer.positions.rows() + extra_rows);
-  answer.stop_index += std::size_t(extra_stop);
+// `short_stop` shorter, and metadata of its own, one key of which the producer must replace.
+WindowPayload Answer(const WindowSlice& request, Eigen::Index extra_rows = 0, int short_stop = 0) {
+  WindowPayload answer = testing::FollowReference(request, extra_rows);
+  answer.stop_index -= std::size_t(short_stop);
   answer.compute_time_s = 0.25;
   answer.metadata = {{"solver", "kept"}, {"sample_time_s", "9"}};
   return answer;
@@ -166,10 +165,10 @@ TEST(AppendableLiftedMpcWindowProducer, WaitsOnlyForTheFirstSampleAndSolvesOutsi
 // The answer is validated as it came back, before its row count is compared; the cursor stays.
 TEST(AppendableLiftedMpcWindowProducer, BadAnswersFailAndTheNextCallAsksForTheSameWindow) {
   const std::pair<::testing::Action<WindowPayload(const WindowSlice&)>, ::testing::Matcher<Call>>
-      cases[] = {{[](const WindowSlice& r) { return Answer(r, 1, 1); },
+      cases[] = {{[](const WindowSlice& r) { return Answer(r, 1); },
                   Throws<std::runtime_error>(
                       "Lifted MPC solve output must match the requested apply count.")},
-                 {[](const WindowSlice& r) { return Answer(r, 1); },
+                 {[](const WindowSlice& r) { return Answer(r, 1, 1); },
                   Throws<std::invalid_argument>(
                       "The global half-open range must match the position row count.")},
                  {::testing::Throw(std::domain_error("solver failed")),

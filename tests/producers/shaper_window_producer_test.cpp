@@ -111,15 +111,13 @@ TEST(ShaperWindowProducerTest, LifecycleCallsReachTheHandle) {
   EXPECT_FALSE(h.producer.Finalize().has_value());
 }
 
-TEST(ShaperWindowProducerTest, DestructorFinalizesAnUnfinalizedHandleOnceThenDeletesIt) {
+// Each handle is finalized once, by the destructor unless before, and never once moved from.
+TEST(ShaperWindowProducerTest, DestructionAndMovesFinalizeEachHandleAtMostOnce) {
   for (const bool throws : {false, true}) {
     const Harness unfinalized({throws});  // the destructor swallows a failure
   }
   Harness finalized;
-  finalized.producer.Finalize();  // not again in the destructor
-}
-
-TEST(ShaperWindowProducerTest, MovesHandTheHandleOverAndDropTheOldOneUnfinalized) {
+  finalized.producer.Finalize();                // not again in the destructor
   Harness target(std::vector<bool>{}), source;  // target's handle is never finalized
   EXPECT_CALL(*source.handle, Prepare());
   ShaperWindowProducer moved(std::move(source.producer));

@@ -3,27 +3,39 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 #include "window/producers.hpp"
 
 namespace corvane::control::window::testing {
 
-// The request's first "apply_samples" rows over [0, apply_samples): a valid answer that declares
-// no compute time.
-inline WindowPayload FollowReference(const WindowSlice& request) {
-  const auto rows = static_cast<Eigen::Index>(std::stoul(request.metadata.at("apply_samples")));
+// The request's first "apply_samples" rows (plus `extra_rows`) over [0, rows): without extra
+// rows, a valid answer that declares no compute time.
+inline WindowPayload FollowReference(const WindowSlice& request, Eigen::Index extra_rows = 0) {
+  const auto rows =
+      static_cast<Eigen::Index>(std::stoul(request.metadata.at("apply_samples"))) + extra_rows;
   WindowPayload answer;
   answer.positions = request.positions.topRows(rows);
   answer.stop_index = static_cast<std::size_t>(rows);
   return answer;
 }
 
+// Follows every request, except that solve number fail_at (counted from 0) answers with one row
+// too many, which the producer refuses; it then asks for the same window again.
 class FollowReferenceSolver final : public LiftedMpcSolveSession {
  public:
+  explicit FollowReferenceSolver(std::optional<std::size_t> fail_at = std::nullopt)
+      : fail_at_(fail_at) {}
   void Prepare() override {}
-  WindowPayload Solve(const WindowSlice& request) override { return FollowReference(request); }
+  WindowPayload Solve(const WindowSlice& request) override {
+    return FollowReference(request, solves_++ == fail_at_ ? 1 : 0);
+  }
   void Finalize() override {}
+
+ private:
+  std::optional<std::size_t> fail_at_;
+  std::size_t solves_ = 0;
 };
 
 }  // namespace corvane::control::window::testing
