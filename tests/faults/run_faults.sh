@@ -21,8 +21,8 @@ only=${1:-.}
 copy=$work/tree
 build=$work/build
 logs=$work/logs
-# The Python tests, the fuzzers' timed runs, the long soak and the install check stay out.
-exclude=${FAULTS_EXCLUDE:-'^(fuzz\.|package\.|StreamingSoak)'}
+# The Python tests, the fuzzers' timed runs, the hours-long soak and the install check stay out.
+exclude=${FAULTS_EXCLUDE:-'^(fuzz\.|package\.|StreamingSoakTest\.Hours)'}
 tests=${FAULTS_TESTS:-.}
 read -r -a targets <<<"${FAULTS_TARGETS:-all}"
 
