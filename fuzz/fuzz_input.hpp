@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
-#include <optional>
-#include <utility>
 
 #include "window/records.hpp"
 
@@ -37,8 +35,6 @@ class FuzzInput {
 
   // A shape dimension of 0 to 4.
   Eigen::Index Dimension() { return static_cast<Eigen::Index>(Below(5)); }
-  // `usual`, or now and then any dimension: arrays that mostly, not always, match their record.
-  Eigen::Index DimensionLike(Eigen::Index usual) { return OneIn(8) ? Dimension() : usual; }
 
   // Mostly multiples of 1/16 in [-0.5, 1.5); one in eight a special value: signed zeros,
   // subnormals, the extremes of double, the neighbours of 1.0, NaN and both infinities.
@@ -71,31 +67,11 @@ class FuzzInput {
     return kSignedEdge - 1 + code % 4;
   }
 
-  // A half-open range [start, stop): mostly stop = start + rows (wrapping past the top of
-  // std::size_t when start is near it), otherwise any two indices.
-  std::pair<std::size_t, std::size_t> Range(Eigen::Index rows) {
-    const std::size_t start = Index();
-    return {start, OneIn(4) ? Index() : start + static_cast<std::size_t>(rows)};
-  }
-
   template <typename Matrix>
   Matrix Values(Eigen::Index rows, Eigen::Index cols) {
     Matrix values(rows, cols);
     for (Eigen::Index i = 0; i < values.size(); ++i) values.data()[i] = Value();
     return values;
-  }
-  // Arrays meant to have the given shape, which now and then they do not.
-  SampleMatrix MatrixLike(Eigen::Index rows, Eigen::Index cols) {
-    return Values<SampleMatrix>(DimensionLike(rows), DimensionLike(cols));
-  }
-  Eigen::VectorXd VectorLike(Eigen::Index size) {
-    return Values<Eigen::VectorXd>(DimensionLike(size), 1);
-  }
-  // What `make` returns, or, one time in two, nothing.
-  template <typename Make>
-  auto Maybe(Make make) -> std::optional<decltype(make())> {
-    if (OneIn(2)) return std::nullopt;
-    return make();
   }
 
   // 0 to about 200 microseconds, zero one time in four.

@@ -27,6 +27,8 @@ using TS = TaskSpaceShapedTrajectory;
 using W = TaskSpaceShapedWindow;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
+// Starts 3 rows before 1, past the top of std::size_t: a range of 3 only by wrapping around.
+constexpr std::size_t kWrapStart = std::numeric_limits<std::size_t>::max() - 1;
 
 // 3 samples x 2 joints over [10, 13), every optional present; the other records reuse its arrays.
 P ValidPayload() {
@@ -143,7 +145,8 @@ TEST(Validation, JointSpaceWindowsInOrder) {
        {[](S& s) { s.time_s[0] = kNaN; s.stop_index = 20; },
         [](S& s) { s.time_s.resize(2); }}},
       {"The shaped range must match the position row count.",
-       {[](S& s) { s.stop_index = 9; s.compute_time_s = kNaN; }}},
+       {[](S& s) { s.stop_index = 9; s.compute_time_s = kNaN; },
+        [](S& s) { s.start_index = kWrapStart; s.stop_index = 1; }}},
       {"compute_time_s must be finite and non-negative.", {[](S& s) { s.compute_time_s = -1e-12; }}},
   });
   ExpectCases<std::invalid_argument>(ValidTrajectory(), ValidateTrajectoryWindow, {
@@ -153,7 +156,8 @@ TEST(Validation, JointSpaceWindowsInOrder) {
        {[](T& t) { t.command.resize(3, 0); },
         [](T& t) { t.command(0, 1) = kInf; t.stop_index = 12; }}},
       {"The trajectory range must match the command row count.",
-       {[](T& t) { t.stop_index = 14; t.command_velocity.resize(3, 1); }}},
+       {[](T& t) { t.stop_index = 14; t.command_velocity.resize(3, 1); },
+        [](T& t) { t.start_index = kWrapStart; t.stop_index = 1; }}},
       {"command_velocity must be finite and match the command shape.",
        {[](T& t) { t.command_velocity.resize(3, 1); t.command_acceleration(0, 0) = kNaN; }}},
       {"command_acceleration must be finite and match the command shape.",
@@ -207,7 +211,8 @@ TEST(Validation, TaskSpaceInOrder) {
       {"task-space time must be finite and aligned with positions.",
        {[](W& w) { w.trajectory.time_s.resize(1); w.stop_index = 9; }}},
       {"task-space window range must match its sample count.",
-       {[](W& w) { w.stop_index = 9; w.compute_time_s = kNaN; }}},
+       {[](W& w) { w.stop_index = 9; w.compute_time_s = kNaN; },
+        [](W& w) { w.start_index = kWrapStart; w.stop_index = 1; }}},
       {"task-space compute_time_s must be finite and nonnegative.",
        {[](W& w) { w.compute_time_s = kInf; }}},
   });
