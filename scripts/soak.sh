@@ -2,7 +2,8 @@
 # Builds the streaming soak test in release mode with debug information and streams the given
 # number of simulated hours through it (default 8: 28.8 million samples of 12 joints at 1 kHz, 2.88
 # million windows) at full speed, with the reference and the statistics retained. It prints, for
-# every simulated hour, the memory held and resident, the append cost and the time Qualify takes.
+# every simulated hour, the resident memory and the time Qualify takes (scripts/bench.sh measures
+# what an append costs).
 # The test command runs a short version of the same test.
 #   scripts/soak.sh [hours]
 set -euo pipefail
