@@ -1,12 +1,14 @@
-// Arbitrary calls on an AppendableReferenceBuffer, each compared with a plain model (the stored
-// values row after row, the joint count and a finished flag): the same result or the same
-// exception with the same message, and the same stored samples after every call.
+// Arbitrary calls on an AppendableReferenceBuffer, with or without a retention, each compared
+// with a plain model (every value stored, row after row, the joint count, the retention and a
+// finished flag): the same result or the same exception with the same message, and the same
+// retained samples after every call.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -36,7 +38,7 @@ std::string Text(const SampleMatrix& values) {  // exact, and keeps the sign of 
 std::string Text(const ReferenceWindow& window) {
   return Text(window.positions) + " padded " + Text(window.terminal_padding_samples);
 }
-std::string Invalid(const char* message) { return std::string("invalid: ") + message; }
+std::string Invalid(const std::string& message) { return "invalid: " + message; }
 std::string Refused(const char* message) { return std::string("refused: ") + message; }
 constexpr char kTooLarge[] = "too large to allocate";
 
@@ -59,10 +61,14 @@ constexpr std::size_t kUnallocatable = std::size_t(1) << 40;
 
 struct Model {
   std::optional<std::size_t> joints;
-  std::vector<double> values;  // the stored samples, row after row
+  std::optional<std::size_t> retention;
+  std::vector<double> values;  // every sample stored, row after row
   bool finished = false;
 
   std::size_t Count() const { return joints ? values.size() / *joints : 0; }
+  std::size_t First() const {  // the oldest sample retained
+    return retention && Count() > *retention ? Count() - *retention : 0;
+  }
   const double* Row(std::size_t row) const { return values.data() + row * *joints; }
   SampleMatrix Rows(std::size_t start, std::size_t stop) const {  // past the end: the last row
     SampleMatrix rows(Eigen::Index(stop - start), Eigen::Index(joints.value_or(0)));
@@ -100,6 +106,10 @@ struct Model {
   std::string Window(std::size_t start, std::size_t stop) const {
     if (start >= stop) return Invalid("Invalid reference window indices.");
     if (Count() <= start) return Invalid("Requested window starts beyond available samples.");
+    if (start < First()) {
+      return Invalid("Requested window starts at sample " + Text(start) +
+                     ", before the first retained sample " + Text(First()) + ".");
+    }
     if (stop - start >= kUnallocatable) return kTooLarge;
     const std::size_t padding = stop - std::min(stop, Count());
     return Text(ReferenceWindow{Rows(start, stop), padding});
@@ -120,7 +130,10 @@ void Step(FuzzInput& in, AppendableReferenceBuffer& buffer, Model& model) {
       return Expect(Outcome([&] { return buffer.AppendReference(block); }), model.Append(block));
     }
     case 1: {
-      const std::size_t target = in.Index();
+      std::size_t target = in.Index();
+      // With a retention a hold writes only the retained rows, so a hold near the top of
+      // std::size_t succeeds, leaving a count that no stream reaches and the model cannot hold.
+      if (model.retention && target >= kUnallocatable) target %= 64;
       return Expect(Outcome([&] { return buffer.ExtendHoldTo(target); }),
                     model.ExtendHoldTo(target));
     }
@@ -147,21 +160,29 @@ void Step(FuzzInput& in, AppendableReferenceBuffer& buffer, Model& model) {
       return;
     }
     default:
-      return Expect(Text(buffer.PositionsCopy()), Text(model.Rows(0, model.Count())));
+      return Expect(Text(buffer.PositionsCopy()), Text(model.Rows(model.First(), model.Count())));
   }
 }
 
 }  // namespace
 
-// A buffer constructed with the input's joint count, then the input's calls until it runs out.
+// A buffer constructed with the input's joint count and, one time in two, a retention of up to 8
+// samples; then the input's calls until it runs out.
 void RunInput(FuzzInput& in) {
   Model model;
   if (!in.OneIn(3)) model.joints = in.Below(4);
-  if (model.joints == std::size_t(0)) {
-    return Expect(Outcome([&] { return AppendableReferenceBuffer(model.joints), std::size_t{0}; }),
-                  Invalid("joint_count must be positive when provided."));
+  if (in.OneIn(2)) model.retention = in.Below(9);
+  const auto construct = [&] {
+    return model.retention ? AppendableReferenceBuffer(model.joints, *model.retention)
+                           : AppendableReferenceBuffer(model.joints);
+  };
+  if (model.joints == std::size_t(0) || model.retention == std::size_t(0)) {
+    return Expect(
+        Outcome([&] { return construct(), std::size_t{0}; }),
+        Invalid(model.joints == std::size_t(0) ? "joint_count must be positive when provided."
+                                               : "retention_samples must be positive."));
   }
-  AppendableReferenceBuffer buffer(model.joints);
+  AppendableReferenceBuffer buffer = construct();
   while (!in.Empty()) Step(in, buffer, model);
 }
 

@@ -1,5 +1,6 @@
-// Waiting for samples. What each call stores, returns and throws, in every order of calls, is
-// checked against a model by fuzz/reference_buffer_fuzzer.cpp, whose corpus runs as a test.
+// Waiting for samples. What each call stores, returns and throws, in every order of calls and
+// with or without a retention, is checked against a model by fuzz/reference_buffer_fuzzer.cpp,
+// whose corpus runs as a test.
 #include <chrono>
 #include <cstddef>
 #include <functional>
