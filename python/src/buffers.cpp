@@ -1,4 +1,4 @@
-// QualificationReport and the two buffers.
+// QualificationReport, ProductionTotals and the two buffers.
 //
 // Every call that waits (Pop, Join, Close, Prefill) releases the GIL and waits in slices, so
 // that Ctrl-C interrupts it (waits.hpp). Deleting a buffer stops and joins its worker, also with
@@ -107,10 +107,16 @@ struct DeleteBuffer {
 template <class Buffer>
 using BufferHolder = std::unique_ptr<Buffer, DeleteBuffer>;
 
+// Either buffer from its Python arguments: with a statistics retention when one is given, with
+// the whole history otherwise.
 template <class Buffer, class... Args>
-BufferHolder<Buffer> MakeBuffer(const py::object& producer, Args... args) {
+BufferHolder<Buffer> MakeBuffer(const py::object& producer, Args... args,
+                                std::optional<std::size_t> statistics_retention_windows) {
   AdoptedProducer adopted = AdoptProducer(producer);
-  BufferHolder<Buffer> buffer(new Buffer(std::move(adopted.producer), std::move(args)...));
+  BufferHolder<Buffer> buffer(statistics_retention_windows
+                                  ? new Buffer(std::move(adopted.producer), std::move(args)...,
+                                               *statistics_retention_windows)
+                                  : new Buffer(std::move(adopted.producer), std::move(args)...));
   Tracked& tracked = LiveBuffers()[buffer.get()];
   tracked.producer = adopted.object;
   tracked.first_sample_source = std::move(adopted.first_sample_source);
@@ -216,6 +222,18 @@ void BindQualificationReport(py::module_& module) {
              "[s] Sum of the compute times.");
 }
 
+void BindProductionTotals(py::module_& module) {
+  using Totals = cw::ProductionTotals;
+  RecordClass<Totals>(module, "ProductionTotals",
+                      "Running totals over every window produced through ProduceNext in the "
+                      "buffer's life, kept exact whatever the statistics retention.")
+      .Field("total_windows", &Totals::total_windows, "Windows produced through ProduceNext.")
+      .Field("total_compute_time_s", &Totals::total_compute_time_s,
+             "[s] Sum of their compute times, added in production order.")
+      .Field("max_compute_time_s", &Totals::max_compute_time_s,
+             "[s] Largest compute time charged to one; 0 before the first.");
+}
+
 void BindAsyncWindowBuffer(py::module_& module) {
   using Buffer = cw::AsyncWindowBuffer;
   py::class_<Buffer, BufferHolder<Buffer>>(
@@ -229,10 +247,15 @@ void BindAsyncWindowBuffer(py::module_& module) {
       .def(py::init(&MakeBuffer<Buffer, std::size_t, std::optional<std::size_t>>),
            py::arg("producer"), py::arg("prefill_windows") = 0,
            py::arg("max_buffered_windows") = py::none(),
+           py::arg("statistics_retention_windows") = py::none(),
            "prefill_windows: windows the worker queues back to back before its steady loop. "
-           "max_buffered_windows: queue capacity; None means unbounded. Raises ValueError for a "
-           "None producer, a capacity of 0, or a capacity below prefill_windows (in that "
-           "order), and RuntimeError for a producer that another buffer or producer owns.")
+           "max_buffered_windows: queue capacity; None means unbounded. "
+           "statistics_retention_windows: keeps the statistics of only that many recent windows, "
+           "so that their memory stays bounded on a long stream (16 bytes a window plus at most "
+           "128 KB); Qualify() then judges those windows, while Totals() stays exact; None keeps "
+           "every window's. Raises ValueError for a None producer, a capacity of 0, a capacity "
+           "below prefill_windows, or a retention of 0 (in that order), and RuntimeError for a "
+           "producer that another buffer or producer owns.")
       .def("Start", py::overload_cast<>(&Buffer::Start),
            "Starts the worker thread. Raises RuntimeError when called a second time.")
       .def("Stop", &RequestStop,
@@ -268,7 +291,10 @@ void BindAsyncWindowBuffer(py::module_& module) {
       .def("Qualify", &Buffer::Qualify, py::arg("compute_fraction_limit"),
            "A QualificationReport judging the history of produced windows against "
            "compute_fraction_limit (compute seconds per second of window duration). Raises "
-           "ValueError unless the limit is finite and positive.");
+           "ValueError unless the limit is finite and positive.")
+      .def("Totals", &Buffer::Totals,
+           "The ProductionTotals of the buffer's whole life, whatever the statistics retention; "
+           "a snapshot taken in constant time.");
 }
 
 void BindAppendableWindowBuffer(py::module_& module) {
@@ -284,6 +310,7 @@ void BindAppendableWindowBuffer(py::module_& module) {
                                 std::optional<std::size_t>>),
            py::arg("producer"), py::arg("reference_buffer"), py::arg("prefill_windows") = 0,
            py::arg("max_buffered_windows") = py::none(),
+           py::arg("statistics_retention_windows") = py::none(),
            "Raises as AsyncWindowBuffer does, then ValueError for a None reference_buffer.")
       .def("AppendReference", &AppendCommand<Buffer>, py::arg("command"),
            "AppendableReferenceBuffer.AppendReference on the buffer's reference; its errors "
@@ -291,7 +318,8 @@ void BindAppendableWindowBuffer(py::module_& module) {
       .def("Finish", &Buffer::Finish,
            "Ends the reference stream; the worker serves the rest and then finishes.")
       .def("ReferencePositions", &Buffer::ReferencePositions,
-           "A copy of every stored reference sample.")
+           "A copy of every stored reference sample; over a reference buffer with a "
+           "retention, of the retained ones, oldest first.")
       .def("AvailableReferenceSamples", &Buffer::AvailableReferenceSamples,
            "Number of stored reference samples, held samples included.");
 }
@@ -300,6 +328,7 @@ void BindAppendableWindowBuffer(py::module_& module) {
 
 void BindBuffers(py::module_& module) {
   BindQualificationReport(module);
+  BindProductionTotals(module);
   BindAsyncWindowBuffer(module);
   BindAppendableWindowBuffer(module);
   py::module_::import("atexit").attr("register")(py::cpp_function(&EndAllAtExit));

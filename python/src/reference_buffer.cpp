@@ -20,8 +20,10 @@ std::vector<std::weak_ptr<Buffer>>& MadeBuffers() {
   return made;
 }
 
-std::shared_ptr<Buffer> MakeBuffer(std::optional<std::size_t> joint_count) {
-  auto buffer = std::make_shared<Buffer>(joint_count);
+std::shared_ptr<Buffer> MakeBuffer(std::optional<std::size_t> joint_count,
+                                   std::optional<std::size_t> retention_samples) {
+  auto buffer = retention_samples ? std::make_shared<Buffer>(joint_count, *retention_samples)
+                                  : std::make_shared<Buffer>(joint_count);
   std::vector<std::weak_ptr<Buffer>>& made = MadeBuffers();
   made.erase(std::remove_if(made.begin(), made.end(),
                             [](const std::weak_ptr<Buffer>& known) { return known.expired(); }),
@@ -57,12 +59,17 @@ void BindReferenceBuffer(py::module_& module) {
       module, "AppendableReferenceBuffer",
       "The thread-safe, growing store of reference samples for streaming. The caller appends "
       "blocks of samples (one row per sample, one column per joint) while the system runs and "
-      "finally calls Finish(); sample i is row i of the store, and a stored row never changes. "
+      "finally calls Finish(); sample i is row i of the store, and a stored row never changes, "
+      "unless a retention drops the oldest samples. "
       "Shared by the caller, the lifted-MPC producer and the AppendableWindowBuffer; every "
       "method may be called from any thread.")
       .def(py::init(&MakeBuffer), py::arg("joint_count") = py::none(),
+           py::arg("retention_samples") = py::none(),
            "An empty, open buffer. joint_count, when given, fixes the column count now; "
-           "otherwise the first non-empty append fixes it. Raises ValueError when it is 0.")
+           "otherwise the first non-empty append fixes it. retention_samples, when given, keeps "
+           "only that many recent samples, so that memory stays bounded; sample indices stay "
+           "global and available_samples() counts every sample ever stored. Raises ValueError "
+           "when joint_count is 0, then when retention_samples is 0.")
       .def("AppendReference", &AppendCommand<Buffer>, py::arg("command"),
            "Appends the rows of `command` (rows, joints), or one sample given as a 1-D array, and "
            "wakes waiters; returns the AppendedRange. An empty block changes nothing. Raises "
@@ -76,7 +83,8 @@ void BindReferenceBuffer(py::module_& module) {
       .def("WindowWithTerminalPadding", &Buffer::WindowWithTerminalPadding, py::arg("start"),
            py::arg("stop"),
            "A ReferenceWindow copying samples [start, stop); rows past the stored samples repeat "
-           "the last one. Raises ValueError when start >= stop or start is not a stored sample.")
+           "the last one. Raises ValueError when start >= stop, or when start is not a stored "
+           "sample or has been dropped by a retention.")
       .def("WaitUntilSamples", &WaitForSamples, py::arg("count"), py::arg("timeout") = py::none(),
            "Waits, with the GIL released, until at least `count` samples are stored, the stream "
            "is finished, or the time-out (seconds or timedelta; None: no limit) passes; returns "
@@ -84,7 +92,8 @@ void BindReferenceBuffer(py::module_& module) {
       .def("available_samples", &Buffer::available_samples,
            "Number of samples stored, held samples included.")
       .def("is_finished", &Buffer::is_finished, "Whether Finish() has been called.")
-      .def("PositionsCopy", &Buffer::PositionsCopy, "A copy of every stored sample.");
+      .def("PositionsCopy", &Buffer::PositionsCopy,
+           "A copy of every stored sample; with a retention, of the retained ones, oldest first.");
 }
 
 }  // namespace corvane::python

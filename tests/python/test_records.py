@@ -72,3 +72,14 @@ def test_version_and_stubs_beside_the_module():
     stubs = ast.parse((pathlib.Path(cw.__file__).parent / "corvane_window.pyi").read_text())
     stubbed = {node.name for node in stubs.body if hasattr(node, "name")}
     assert {name for name in dir(cw) if not name.startswith("_")} <= stubbed
+
+
+def test_retention_keeps_the_recent_samples_and_statistics_while_totals_count_all():
+    reference = cw.AppendableReferenceBuffer(1, retention_samples=2)
+    reference.AppendReference(np.arange(5.0).reshape(5, 1))
+    assert reference.PositionsCopy().tolist() == [[3.0], [4.0]]
+    windows = [cw.WindowPayload(positions=[0.0], stop_index=1)] * 3
+    buffer = cw.AppendableWindowBuffer(cw.FiniteWindowProducer(windows, []), reference,
+                                       statistics_retention_windows=1)
+    assert buffer.Prefill(3) == 3
+    assert (buffer.Totals().total_windows, buffer.Qualify(1.0).total_windows) == (3, 1)
