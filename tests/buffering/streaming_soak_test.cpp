@@ -5,8 +5,8 @@
 //   stop or by destruction at a random pop.
 // - Soak: 8 simulated hours of 1 kHz reference for 12 joints, appended while it streams, with the
 //   reference and the statistics retained. Resident memory stays flat; it is reported every hour
-//   with the time Qualify takes. CORVANE_SOAK_HOURS (scripts/soak.sh) makes
-//   the hours real ones: 28.8 million samples at full speed.
+//   with the time Qualify takes. CORVANE_SOAK_HOURS (scripts/soak.sh) makes the hours real ones:
+//   28.8 million samples at full speed.
 #include <unistd.h>
 #include <algorithm>
 #include <atomic>
