@@ -1,5 +1,6 @@
-// The streaming buffer: forwarding to the reference buffer and the stop that finishes the
-// reference first. A stream end to end is the streaming soak's.
+// The streaming buffer: forwarding to the reference buffer, the stop that finishes the reference
+// first, and a producer that reads behind the reference's retention. A stream end to end is the
+// streaming soak's.
 #include <stdexcept>
 #include <string>
 
@@ -75,6 +76,23 @@ TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsF
   auto stream = std::make_unique<Stream>();
   stream->buffer.Start();
   Guarded([&] { stream.reset(); }, "destruction");
+}
+
+// Ten samples arrive before the producer starts; it asks for sample 0, of which 4 are kept. Its
+// failure names the first retained sample.
+TEST(AppendableWindowBufferTest, AProducerReadingBehindTheRetentionFailsItsWorker) {
+  auto reference = std::make_shared<AppendableReferenceBuffer>(1, 4);
+  reference->AppendReference(SampleMatrix::Zero(10, 1));
+  AppendableWindowBuffer buffer(
+      std::make_unique<AppendableLiftedMpcWindowProducer>(
+          std::make_unique<testing::FollowReferenceSolver>(), reference, 2, 3, 0.001, 0),
+      reference, 0, 4, 100);
+  buffer.Start();
+  const std::string dropped =
+      "Requested window starts at sample 0, before the first retained sample 6.";
+  EXPECT_EQ(MessageOf<std::invalid_argument>([&] { buffer.Pop(testing_support::kHangLimit); }),
+            dropped);
+  EXPECT_EQ(buffer.LastError(), dropped);
 }
 
 }  // namespace
