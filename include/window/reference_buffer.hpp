@@ -58,6 +58,14 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // [n, n). Throws std::invalid_argument for a block without columns, with a non-finite value or
   // with the wrong column count, and std::runtime_error after Finish().
   AppendedRange AppendReference(const SampleMatrix& command);
+  // Replaces every sample from start_index on with the rows of `samples` (possibly none, which
+  // drops them), then finishes the stream when `finish` is true, and wakes waiters. Returns the
+  // samples written, [start_index, start_index + rows). Throws std::invalid_argument when
+  // start_index is beyond the stored samples or dropped by the retention (naming the first
+  // retained sample), and for a block that AppendReference would refuse (with its messages);
+  // std::runtime_error after Finish(). A failed call changes nothing.
+  AppendedRange ReplaceReference(std::size_t start_index, const SampleMatrix& samples,
+                                 bool finish = false);
   // Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.
   void Finish();
   // Repeats the last sample until target_samples are stored; returns how many were added.

@@ -23,6 +23,7 @@
 #include <Eigen/Core>
 #include <native/export.hpp>
 #include <window/producers.hpp>
+#include <window/replacement.hpp>
 
 namespace corvane::control::engines {
 
@@ -34,8 +35,10 @@ struct LiftedMpcWeights {
 
 // A lifted-MPC solve session for independent double-integrator joints: each request's positions
 // are tracked by a quadratic cost on tracking error, acceleration and its change, whose gains are
-// cached per horizon.
-class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSolveSession {
+// cached per horizon. It resumes from the command of any sample: its state is the position,
+// velocity and acceleration of the last applied row.
+class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSolveSession,
+                                             public control::window::ResumableSolveSession {
  public:
   // sample_time_s: [s] the period of the request rows, finite and positive.
   // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
@@ -55,6 +58,16 @@ class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSo
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
   // Ends the session and forgets the carried state.
   void Finalize() override;
+
+  // Always true.
+  bool CanResume() const override;
+  // 0: the solver needs no reference before the join.
+  std::size_t ResumeHistorySamples() const override;
+  // Carries on from the previous command's position, velocity and acceleration (those it lacks
+  // read as 0), or, without one, starts afresh as after Prepare(). Throws std::invalid_argument
+  // when the previous command's rows are not all of one joint count, or differ from the
+  // session's.
+  void ResumeFrom(const control::window::SolveResumePoint& point) override;
 
  private:
   // The joints' state after the last applied sample; one column per joint.

@@ -7,6 +7,7 @@
 #include <native/export.hpp>
 #include <window/producers.hpp>
 #include <window/records.hpp>
+#include <window/replacement.hpp>
 
 #include "corvane_shaper_engines/impulse_sequence.hpp"
 
@@ -20,8 +21,10 @@ namespace corvane::control::engines {
 // reference comes late, the applied rows of the shaped stream equal ShapeSamples() of the whole
 // stored reference; when some does, they equal ShapeSamples() of the stored reference with its
 // held samples. To let the shaped motion come to rest, append ShaperSamples() copies of the last
-// sample before finishing the reference.
-class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedMpcSolveSession {
+// sample before finishing the reference. After a replacement it resumes from the reference rows
+// before the join, so the shaped stream equals ShapeSamples() of the spliced reference.
+class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedMpcSolveSession,
+                                                 public control::window::ResumableSolveSession {
  public:
   // solver: the session that receives the shaped requests, never null. shaper: a valid impulse
   // sequence. sample_time_s: [s] the period of the request rows, finite and positive.
@@ -41,6 +44,17 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
   // Finalizes the wrapped solver.
   void Finalize() override;
+
+  // Whether the wrapped solver implements ResumableSolveSession and can resume.
+  bool CanResume() const override;
+  // The rows the shaper reads before a row, plus those the wrapped solver asks for.
+  std::size_t ResumeHistorySamples() const override;
+  // Takes the reference rows before the join as the history, so that the next request, which
+  // must start at point.start_index, is shaped as if the stream had always run through them;
+  // then resumes the wrapped solver with the same point. Throws std::runtime_error when the
+  // wrapped solver cannot resume, and std::invalid_argument when the history's joint count
+  // differs from the session's; the wrapped solver's exceptions pass through.
+  void ResumeFrom(const control::window::SolveResumePoint& point) override;
 
  private:
   // Throws unless the request continues the history (see Solve).
