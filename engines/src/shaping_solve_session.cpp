@@ -27,6 +27,50 @@ void ShapingSolveSession::Prepare() {
 
 void ShapingSolveSession::Finalize() { solver_->Finalize(); }
 
+namespace {
+
+// The wrapped solver as a resumable one, when it can resume.
+cw::ResumableSolveSession* Resumable(cw::LiftedMpcSolveSession& solver) {
+  auto* resumable = dynamic_cast<cw::ResumableSolveSession*>(&solver);
+  return resumable != nullptr && resumable->CanResume() ? resumable : nullptr;
+}
+
+}  // namespace
+
+bool ShapingSolveSession::CanResume() const { return Resumable(*solver_) != nullptr; }
+
+std::size_t ShapingSolveSession::ResumeHistorySamples() const {
+  const cw::ResumableSolveSession* inner = Resumable(*solver_);
+  return history_rows() + (inner != nullptr ? inner->ResumeHistorySamples() : 0);
+}
+
+// The wrapped solver sees shaped requests, so the rows it asks for before the join are shaped
+// too, each reading the reference before it. The history starts afresh when no row precedes the
+// join, as after Prepare().
+void ShapingSolveSession::ResumeFrom(const cw::SolveResumePoint& point) {
+  cw::ResumableSolveSession* inner = Resumable(*solver_);
+  if (inner == nullptr) throw std::runtime_error("The wrapped solver cannot resume.");
+  const cw::SampleMatrix& before = point.reference_before;
+  if (started_ && before.rows() > 0 && before.cols() != history_.cols()) {
+    throw std::invalid_argument("The joint count must not change within a session.");
+  }
+  const auto inner_rows = std::min<Eigen::Index>(
+      before.rows(), static_cast<Eigen::Index>(inner->ResumeHistorySamples()));
+  cw::SolveResumePoint shaped{point.start_index, point.previous_command, cw::SampleMatrix()};
+  if (inner_rows > 0) {
+    shaped.reference_before =
+        ShapingTaps(shaper_, sample_time_s_).Shape(before, before.rows() - inner_rows, inner_rows);
+  }
+  inner->ResumeFrom(shaped);
+
+  const Eigen::Index kept = std::min(before.rows(), history_rows_);
+  history_ = before.bottomRows(kept);
+  history_stop_ = point.start_index;
+  history_start_ = point.start_index - static_cast<std::size_t>(kept);
+  previous_start_ = point.start_index;
+  started_ = kept > 0;
+}
+
 cw::WindowPayload ShapingSolveSession::Solve(const cw::WindowSlice& request) {
   const Eigen::Index apply = ApplySamples(request);
   CheckContinues(request);

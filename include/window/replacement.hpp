@@ -83,9 +83,9 @@ class CORVANE_EXPORT ResumableWindowProducer {
 
 // What one replacement did. Global indices, as the windows carry them.
 struct ReferenceReplacement {
-  std::size_t start_index = 0;   // first replaced sample: the index the call used
-  std::size_t stop_index = 0;    // one past the last new sample
-  std::size_t resume_index = 0;  // first sample of the first window produced again
+  std::size_t start_index = 0;        // first replaced sample: the index the call used
+  std::size_t stop_index = 0;         // one past the last new sample
+  std::size_t resume_index = 0;       // first sample of the first window produced again
   std::size_t discarded_windows = 0;  // queued windows this call discarded
   std::size_t replacements = 0;       // this replacement's number, 1 for the first
 };

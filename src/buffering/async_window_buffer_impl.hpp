@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "buffering/window_replacement.hpp"
 #include "buffering/window_statistics.hpp"
 #include "window/async_buffer.hpp"
 
@@ -36,9 +37,10 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   bool session_prepared = false;  // only Prefill (before Start) and the worker use it: no lock
   bool stop_requested = false;
   bool producer_finished = false;
-  std::exception_ptr failure;             // what ended the worker, rethrown by Pop
-  std::optional<std::string> last_error;  // its text
-  WindowStatistics statistics;            // compute time and duration per produced window
+  std::exception_ptr failure;                     // what ended the worker, rethrown by Pop
+  std::optional<std::string> last_error;          // its text
+  WindowStatistics statistics;                    // compute time and duration per produced window
+  std::unique_ptr<ReplacementState> replacement;  // null unless the producer can resume
 
   // The worker thread's whole body: session, initial, steady and tail phases, then the end.
   // Returns normally in every case; a failure is stored for the consumer.
@@ -58,6 +60,21 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   void PrepareSessionOnce();
   std::optional<WindowPayload> ProduceWindow();
   void QueueWindow(WindowPayload&& window);
+
+  // The replacement of the unplayed reference (window_replacement.cpp). Replace() runs on the
+  // caller's thread; `samples` null means holding the last command for hold_samples samples from
+  // the earliest index, which an absent start_index asks for.
+  void EnableReplacement();
+  ReferenceReplacement Replace(AppendableReferenceBuffer& reference,
+                               std::optional<std::size_t> start_index, const SampleMatrix* samples,
+                               std::size_t hold_samples, bool finish);
+  // Steps of the producing thread: the exhaustion test, which a pending replacement overrules;
+  // the resumption before a window; the plan stamp after it; and the queueing of a window unless
+  // a replacement has made it stale.
+  bool ProducerExhausted();
+  void ResumeIfReplaced();
+  void NoteProduced(WindowPayload& window, double charged_s, double duration_s);
+  void QueueUnlessReplaced(WindowPayload&& window);
 
  private:
   void RunInitialPhase();

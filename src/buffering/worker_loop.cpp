@@ -71,7 +71,7 @@ void AsyncWindowBuffer::Impl::PrepareSessionOnce() {
 // which tests the stop and the exhaustion again.
 void AsyncWindowBuffer::Impl::RunInitialPhase() {
   for (std::size_t queued = 0; queued < prefill_windows; ++queued) {
-    if (producer->IsExhausted()) return;
+    if (ProducerExhausted()) return;
     if (!WaitForRoom()) return;
     std::optional<WindowPayload> window = ProduceWindow();
     if (!window) return;  // nothing ready: on to the steady phase without yielding
@@ -84,7 +84,7 @@ void AsyncWindowBuffer::Impl::RunInitialPhase() {
 void AsyncWindowBuffer::Impl::RunSteadyPhase() {
   while (true) {
     if (StopRequested()) return;
-    if (producer->IsExhausted()) return;
+    if (ProducerExhausted()) return;
     if (!WaitForRoom()) return;
     std::optional<WindowPayload> window = ProduceWindow();
     if (!window) {
@@ -127,6 +127,7 @@ bool AsyncWindowBuffer::Impl::WaitForRoom() {
 // The window production step: one timed ProduceNext() call. A window it yields is validated and
 // charged the larger of the measured time and its own declared compute time.
 std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
+  if (replacement) ResumeIfReplaced();
   const auto t0 = std::chrono::steady_clock::now();
   std::optional<WindowPayload> window = producer->ProduceNext();
   const auto t1 = std::chrono::steady_clock::now();
@@ -135,7 +136,9 @@ std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
   ValidateWindowPayload(*window);
   const double measured_s = SecondsBetween(t0, t1);
   const double charged_s = std::max(measured_s, window->compute_time_s);
-  RecordStatistics(charged_s, WindowDurationSeconds(*window));
+  const double duration_s = WindowDurationSeconds(*window);
+  RecordStatistics(charged_s, duration_s);
+  if (replacement) NoteProduced(*window, charged_s, duration_s);
   return window;
 }
 
@@ -149,6 +152,10 @@ void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration
 
 // The queueing step: the window is moved, never copied, to the back of the queue.
 void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
+  if (replacement) {
+    QueueUnlessReplaced(std::move(window));
+    return;
+  }
   {
     auto lock = Lock();
     queue.push_back(std::move(window));

@@ -26,12 +26,17 @@ struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
   std::size_t cursor = 0;              // first reference sample not yet applied
   bool prepared = false;               // the solver's Prepare() has returned
   bool finalized = false;              // the solver's Finalize() has returned
+  ResumableSolveSession* resumable = nullptr;  // the solver as resumable, when it is and can
 
   bool IsExhausted() const;
   // How many rows the next window applies, or nothing when no reference remains to apply.
   std::optional<std::size_t> NextApplyCount();
   // Solves the window of `apply_count` rows at the cursor and stamps it; the cursor stays.
   WindowPayload SolveWindowAtCursor(std::size_t apply_count);
+  // The resume point at reference index `start`: the reference rows before it that the solver
+  // asks for, and the command at start - 1.
+  SolveResumePoint ResumePointAt(std::size_t start,
+                                 const std::optional<CommandSample>& previous_command) const;
 };
 
 namespace {
@@ -130,6 +135,18 @@ WindowPayload AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(
   return window;
 }
 
+SolveResumePoint AppendableLiftedMpcWindowProducer::Impl::ResumePointAt(
+    std::size_t start, const std::optional<CommandSample>& previous_command) const {
+  SolveResumePoint point{start, previous_command, SampleMatrix()};
+  const std::size_t history = std::min(start, resumable->ResumeHistorySamples());
+  if (history > 0) {
+    point.reference_before =
+        reference_buffer->WindowWithTerminalPadding(start - history, start).positions;
+  }
+  return point;
+}
+
+// The solver is asked once whether it can resume: the answer is fixed for its life.
 AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
     std::unique_ptr<LiftedMpcSolveSession> solve_session,
     std::shared_ptr<AppendableReferenceBuffer> reference_buffer, std::size_t apply_samples,
@@ -139,6 +156,8 @@ AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
   impl_ = std::make_unique<Impl>(Impl{std::move(solve_session), std::move(reference_buffer),
                                       apply_samples, lookahead_samples, sample_time_s,
                                       std::to_string(sample_time_s), global_start_index});
+  auto* resumable = dynamic_cast<ResumableSolveSession*>(impl_->solve_session.get());
+  if (resumable != nullptr && resumable->CanResume()) impl_->resumable = resumable;
 }
 
 AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
@@ -191,6 +210,31 @@ std::optional<WindowPayload> AppendableLiftedMpcWindowProducer::Finalize() {
     impl_->finalized = true;
   }
   return std::nullopt;
+}
+
+bool AppendableLiftedMpcWindowProducer::CanResume() const { return impl_->resumable != nullptr; }
+
+std::size_t AppendableLiftedMpcWindowProducer::FirstGlobalIndex() const {
+  return impl_->global_start_index;
+}
+
+// The cursor moves only once the solver has taken the resume point, so a failure leaves the
+// producer where it was.
+void AppendableLiftedMpcWindowProducer::Resume(
+    std::size_t start_index, const std::optional<CommandSample>& previous_command) {
+  if (!impl_->prepared) {
+    throw std::runtime_error("PrepareSession() must run before Resume().");
+  }
+  if (impl_->resumable == nullptr) {
+    throw std::runtime_error("The lifted MPC solve session cannot resume.");
+  }
+  if (start_index < impl_->global_start_index ||
+      start_index - impl_->global_start_index > impl_->reference_buffer->available_samples()) {
+    throw std::invalid_argument("start_index must lie within the stored reference.");
+  }
+  const std::size_t start = start_index - impl_->global_start_index;
+  impl_->resumable->ResumeFrom(impl_->ResumePointAt(start, previous_command));
+  impl_->cursor = start;
 }
 
 }  // namespace corvane::control::window

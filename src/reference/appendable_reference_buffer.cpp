@@ -30,6 +30,8 @@ struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   bool finished = false;   // set by Finish(), never cleared
   std::optional<std::size_t> retention_samples;  // absent: every sample is kept
   std::size_t sample_count = 0;                  // samples stored so far, dropped ones included
+  std::size_t lost_before =
+      0;  // samples before it were dropped by a retention before a replacement
 
   // The helpers below expect the caller to hold `mutex`.
   std::size_t SampleCount() const { return sample_count; }
@@ -47,6 +49,8 @@ struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   AppendedRange StoreBlock(const SampleMatrix& command);
   // Repeats the last sample until `target_samples` are stored; returns how many it added.
   std::size_t HoldLastSampleTo(std::size_t target_samples);
+  // Drops the samples from `start` on and stores the rows of a checked block in their place.
+  AppendedRange ReplaceFrom(std::size_t start, const SampleMatrix& samples);
 };
 
 namespace {
@@ -78,9 +82,11 @@ void GrowStoreTo(SampleMatrix& store, std::size_t samples) {
 
 }  // namespace
 
+// A replacement shortens the stream, but the ring rows of the samples it dropped may already hold
+// newer ones, so what was lost before it stays lost.
 std::size_t AppendableReferenceBuffer::Impl::FirstRetained() const {
-  if (!retention_samples || sample_count <= *retention_samples) return 0;
-  return sample_count - *retention_samples;
+  if (!retention_samples || sample_count <= *retention_samples) return lost_before;
+  return std::max(lost_before, sample_count - *retention_samples);
 }
 
 // Without a retention the store grows to exactly the new size. With one it doubles until it holds
@@ -172,6 +178,32 @@ std::size_t AppendableReferenceBuffer::Impl::HoldLastSampleTo(std::size_t target
   return target_samples - count;
 }
 
+// Every check comes before the first change, so a refused replacement leaves the samples as they
+// were. Without a retention the store shrinks to exactly the samples kept.
+AppendedRange AppendableReferenceBuffer::Impl::ReplaceFrom(std::size_t start,
+                                                           const SampleMatrix& samples) {
+  if (finished) {
+    throw std::runtime_error("Cannot replace reference samples after Finish().");
+  }
+  if (start > sample_count) {
+    throw std::invalid_argument("start_index must not exceed the " + std::to_string(sample_count) +
+                                " stored samples.");
+  }
+  if (start < FirstRetained()) {
+    throw std::invalid_argument("start_index " + std::to_string(start) +
+                                " is before the first retained sample " +
+                                std::to_string(FirstRetained()) + ".");
+  }
+  if (samples.rows() > 0 && joint_count && samples.cols() != ToIndex(*joint_count)) {
+    throw std::invalid_argument("command joint count does not match the appendable buffer.");
+  }
+  lost_before = FirstRetained();
+  if (!retention_samples) GrowStoreTo(positions, start);
+  sample_count = start;
+  if (samples.rows() == 0) return {start, start};
+  return StoreBlock(samples);
+}
+
 AppendableReferenceBuffer::AppendableReferenceBuffer(std::optional<std::size_t> joint_count) {
   if (joint_count.has_value() && *joint_count == 0) {
     throw std::invalid_argument("joint_count must be positive when provided.");
@@ -211,6 +243,20 @@ AppendedRange AppendableReferenceBuffer::AppendReference(const SampleMatrix& com
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     range = impl_->StoreBlock(command);
+  }
+  impl_->cv.notify_all();
+  return range;
+}
+
+AppendedRange AppendableReferenceBuffer::ReplaceReference(std::size_t start_index,
+                                                          const SampleMatrix& samples,
+                                                          bool finish) {
+  if (samples.rows() > 0) CheckCommandBlock(samples);
+  AppendedRange range;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    range = impl_->ReplaceFrom(start_index, samples);
+    impl_->finished = finish;
   }
   impl_->cv.notify_all();
   return range;
