@@ -154,15 +154,17 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
   return result;  // the discarded windows are freed here, without the lock
 }
 
-// A replacement that is between its steps may yet move the producer back, so the worker waits
-// for it; one that is pending does move it back. Once the worker leaves, replacements are refused.
+// A replacement that is between its steps may yet move the producer back, so the producing
+// thread waits for it; one that is pending does move it back. Once the worker leaves (Prefill
+// leaves the worker to come), replacements are refused.
 bool AsyncWindowBuffer::Impl::ProducerExhausted() {
   if (!producer->IsExhausted()) return false;
   if (!replacement) return true;
   auto lock = Lock();
   cv.wait(lock, [this] { return !replacement->fenced || stop_requested; });
-  replacement->closed = !replacement->pending.has_value();
-  return replacement->closed;
+  const bool exhausted = !replacement->pending.has_value();
+  replacement->closed = exhausted && started;
+  return exhausted;
 }
 
 void AsyncWindowBuffer::Impl::ResumeIfReplaced() {
