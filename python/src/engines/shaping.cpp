@@ -78,7 +78,7 @@ void BindInputShaper(py::module_& engines) {
       .def("Advance", OwnedMethod(&Shaper::Advance), py::arg("steps"), "Does nothing.")
       .def("NextWindow", OwnedMethod(&Shaper::NextWindow),
            "The next ShapedTrajectoryWindow, or None once every window has been handed out.")
-      .def("HasMoreWindows", OwnedMethod(&Shaper::HasMoreWindows))
+      .def("HasMoreWindows", OwnedMethod(&Shaper::HasMoreWindows), "Whether a window remains.")
       .def("Cancel", OwnedMethod(&Shaper::Cancel), "Abandons the trajectory.")
       .def("Finalize", OwnedMethod(&Shaper::Finalize), "Ends the session.")
       .def("shaped_samples", OwnedMethod(&Shaper::shaped_samples),
