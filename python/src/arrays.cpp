@@ -128,4 +128,9 @@ void Retire(cw::TaskSpaceShapedTrajectory& value) {
   Retire(value.time_s);
 }
 
+void Retire(control::engines::ImpulseSequence& value) {
+  Retire(value.amplitudes);
+  Retire(value.times_s);
+}
+
 }  // namespace corvane::python

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <Eigen/Core>
+#include <corvane_shaper_engines/impulse_sequence.hpp>
 #include <window/records.hpp>
 
 #include "module.hpp"
@@ -35,6 +36,7 @@ void Retire(cw::SampleMatrix& value);
 void Retire(Eigen::VectorXd& value);
 void Retire(std::vector<double>& value);
 void Retire(cw::TaskSpaceShapedTrajectory& value);
+void Retire(control::engines::ImpulseSequence& value);
 template <class Value>
 void Retire(std::optional<Value>& value) {
   if (value) Retire(*value);

@@ -106,3 +106,10 @@ def test_shaping_stage_solves_on_the_worker_and_lives_with_the_buffer(make_solve
     del buffer, windows
     gc.collect()
     assert alive() is None
+
+
+def test_replacing_a_nested_shaper_keeps_the_values_its_views_show():
+    choice = engines.ShaperChoice(shaper=ZV)
+    amplitudes = choice.shaper.amplitudes
+    choice.shaper = engines.ImpulseSequence(amplitudes=[7.0, 8.0], times_s=[0.0, 1.0])
+    assert amplitudes.tolist() == ZV.amplitudes.tolist()
