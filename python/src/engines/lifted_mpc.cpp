@@ -39,7 +39,13 @@ void BindLiftedMpc(py::module_& engines) {
            "with positions, velocities, accelerations and times. Raises ValueError when "
            "\"apply_samples\" is missing or out of range, or the joint count changes.")
       .def("Finalize", OwnedMethod(&Solver::Finalize),
-           "Ends the session and forgets the carried state.");
+           "Ends the session and forgets the carried state.")
+      .def("ResumeHistorySamples", OwnedMethod(&Solver::ResumeHistorySamples),
+           "0: the solver needs no reference before a join.")
+      .def("ResumeFrom", OwnedMethod(&Solver::ResumeFrom), py::arg("point"),
+           "Carries on from the SolveResumePoint's previous command (position, velocity and "
+           "acceleration; those it lacks read as 0), or starts afresh without one. Raises "
+           "ValueError when the command's rows do not hold one finite value per joint.");
 }
 
 }  // namespace corvane::python
