@@ -170,10 +170,10 @@ class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSe
   // global_start_index.
   std::size_t FirstGlobalIndex() const override;
   // Moves the cursor to start_index and resumes the solver there, handing it the command at
-  // start_index - 1 and the reference rows before the join that it asks for. Throws
-  // std::runtime_error before PrepareSession() or when the solver cannot resume, and
-  // std::invalid_argument when start_index is before global_start_index or beyond the stored
-  // reference, or when a reference row the solver needs has been dropped by a retention.
+  // start_index - 1 and the reference rows before the join that it asks for, as far as a
+  // retention has kept them. Throws std::runtime_error before PrepareSession() or when the solver
+  // cannot resume, and std::invalid_argument when start_index is before global_start_index or
+  // beyond the stored reference.
   void Resume(std::size_t start_index,
               const std::optional<CommandSample>& previous_command) override;
 

@@ -84,6 +84,8 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   std::size_t available_samples() const;
   // Whether Finish() has been called.
   bool is_finished() const;
+  // Index of the oldest sample still stored: 0 without a retention.
+  std::size_t first_retained_sample() const;
   // A copy of every stored sample; with a retention, of the retained ones, oldest first.
   SampleMatrix PositionsCopy() const;
 

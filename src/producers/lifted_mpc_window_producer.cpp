@@ -34,7 +34,7 @@ struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
   // Solves the window of `apply_count` rows at the cursor and stamps it; the cursor stays.
   WindowPayload SolveWindowAtCursor(std::size_t apply_count);
   // The resume point at reference index `start`: the reference rows before it that the solver
-  // asks for, and the command at start - 1.
+  // asks for (those still stored), and the command at start - 1.
   SolveResumePoint ResumePointAt(std::size_t start,
                                  const std::optional<CommandSample>& previous_command) const;
 };
@@ -138,10 +138,11 @@ WindowPayload AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(
 SolveResumePoint AppendableLiftedMpcWindowProducer::Impl::ResumePointAt(
     std::size_t start, const std::optional<CommandSample>& previous_command) const {
   SolveResumePoint point{start, previous_command, SampleMatrix()};
-  const std::size_t history = std::min(start, resumable->ResumeHistorySamples());
-  if (history > 0) {
-    point.reference_before =
-        reference_buffer->WindowWithTerminalPadding(start - history, start).positions;
+  // Rows that a retention has dropped are left out: the solver gets what is still stored.
+  const std::size_t first = std::max(start - std::min(start, resumable->ResumeHistorySamples()),
+                                     reference_buffer->first_retained_sample());
+  if (first < start) {
+    point.reference_before = reference_buffer->WindowWithTerminalPadding(first, start).positions;
   }
   return point;
 }

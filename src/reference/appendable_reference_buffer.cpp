@@ -328,6 +328,11 @@ bool AppendableReferenceBuffer::is_finished() const {
   return impl_->finished;
 }
 
+std::size_t AppendableReferenceBuffer::first_retained_sample() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->FirstRetained();
+}
+
 SampleMatrix AppendableReferenceBuffer::PositionsCopy() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   if (!impl_->retention_samples) return impl_->positions;

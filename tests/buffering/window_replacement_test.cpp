@@ -52,14 +52,11 @@ struct Stream {
       std::make_shared<std::vector<SolveResumePoint>>();
   std::shared_ptr<AppendableReferenceBuffer> reference =
       std::make_shared<AppendableReferenceBuffer>(1);
-  AppendableWindowBuffer buffer{std::make_unique<AppendableLiftedMpcWindowProducer>(
-                                    std::make_unique<testing::ResumableFollowSolver>(resumes,
-                                                                                     [this] {
-                                                                                       if (on_solve)
-                                                                                         on_solve();
-                                                                                     }),
-                                    reference, 4, 8, 0.001, 0),
-                                reference};
+  AppendableWindowBuffer buffer{
+      std::make_unique<AppendableLiftedMpcWindowProducer>(
+          std::make_unique<testing::ResumableFollowSolver>(resumes, on_solve), reference, 4, 8,
+          0.001, 0),
+      reference};
 };
 
 TEST(WindowReplacementTest, ResumesAtTheStartOfTheWindowHoldingTheJoin) {

@@ -1,5 +1,4 @@
-"""Replacing the unplayed reference from Python: a Python solver resumed on the worker, and the
-refusals."""
+"""Replacing the unplayed reference from Python, with a Python solver resumed on the worker."""
 import numpy as np
 import pytest
 
@@ -8,32 +7,22 @@ from conftest import WAIT_S
 
 
 class Echo(cw.LiftedMpcSolveSession):
-    """Applies the reference unchanged; notes where it resumed, when it has ResumeFrom."""
+    """Applies the reference unchanged; notes where it resumed."""
     Prepare = Finalize = lambda self: None
+    ResumeFrom = lambda self, point: setattr(self, "point", point)
 
     def Solve(self, request):
         rows = int(request.metadata["apply_samples"])
         return cw.WindowPayload(positions=request.positions[:rows], stop_index=rows)
 
 
-class ResumingEcho(Echo):
-    def ResumeFrom(self, point):
-        self.point = point
-
-
-def replaced(solver):
-    """[0, 4) of 20 samples handed out, [4, 8) queued, then samples 6 on replaced."""
-    stored = cw.AppendableReferenceBuffer(1)
+def test_a_python_solver_resumes_on_the_worker_from_the_command_before_the_join():
+    solver, stored = Echo(), cw.AppendableReferenceBuffer(1)
     buffer = cw.AppendableWindowBuffer(
         cw.AppendableLiftedMpcWindowProducer(solver, stored, 4, 8, 0.001, 0), stored)
     buffer.AppendReference(np.arange(20.0)[:, None])
     assert buffer.Prefill(2) == 2 and buffer.PopNowait().stop_index == 4
-    return buffer, buffer.ReplaceReference(start_index=6, samples=np.full((3, 1), 9.5), finish=True)
-
-
-def test_a_python_solver_resumes_on_the_worker_from_the_command_before_the_join():
-    solver = ResumingEcho()
-    buffer, done = replaced(solver)
+    done = buffer.ReplaceReference(start_index=6, samples=np.full((3, 1), 9.5), finish=True)
     assert (done.resume_index, done.discarded_windows, done.replacements) == (4, 1, 1)
     buffer.Start()
     windows = iter(lambda: buffer.Pop(WAIT_S), None)
@@ -41,5 +30,3 @@ def test_a_python_solver_resumes_on_the_worker_from_the_command_before_the_join(
     assert solver.point.previous_command.positions.tolist() == [3.0]
     with pytest.raises(RuntimeError, match="cannot run once the worker has ended"):
         buffer.StopSmoothly(hold_samples=1)
-    with pytest.raises(RuntimeError, match="needs a producer that can resume"):
-        replaced(Echo())
