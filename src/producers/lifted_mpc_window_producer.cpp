@@ -45,6 +45,12 @@ struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
 
 namespace {
 
+// The metadata keys the producer writes, made once, so that a lookup builds no string (the longest
+// would not fit in a string's own storage and would be allocated on every window).
+const std::string kApplySamplesKey = "apply_samples";
+const std::string kPaddingKey = "terminal_padding_samples";
+const std::string kSampleTimeKey = "sample_time_s";
+
 // The arguments are checked in a fixed order, so the first fault in it is the one reported.
 void CheckConstructorArguments(const LiftedMpcSolveSession* solve_session,
                                const AppendableReferenceBuffer* reference_buffer,
@@ -77,8 +83,7 @@ std::size_t CoverApplyWindow(AppendableReferenceBuffer& reference, std::size_t a
 // nothing of its past; the stamped ones keep their storage.
 void KeepStampedEntries(std::map<std::string, std::string>& metadata) {
   for (auto entry = metadata.begin(); entry != metadata.end();) {
-    const bool stamped =
-        entry->first == "sample_time_s" || entry->first == "terminal_padding_samples";
+    const bool stamped = entry->first == kSampleTimeKey || entry->first == kPaddingKey;
     entry = stamped ? std::next(entry) : metadata.erase(entry);
   }
 }
@@ -120,8 +125,8 @@ void AppendableLiftedMpcWindowProducer::Impl::BuildSolveRequest(std::size_t appl
       cursor, cursor + lookahead_samples, request.positions);
   request.start_index = cursor;
   request.stop_index = cursor + lookahead_samples;
-  request.metadata["apply_samples"] = std::to_string(apply_count);
-  request.metadata["terminal_padding_samples"] = std::to_string(padding);
+  request.metadata[kApplySamplesKey] = std::to_string(apply_count);
+  request.metadata[kPaddingKey] = std::to_string(padding);
 }
 
 void AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(std::size_t apply_count,
@@ -140,8 +145,8 @@ void AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(std::size_t ap
   // the solver passes through.
   window.start_index = global_start_index + cursor;
   window.stop_index = window.start_index + apply_count;
-  window.metadata["sample_time_s"] = sample_time_text;
-  window.metadata["terminal_padding_samples"] = request.metadata["terminal_padding_samples"];
+  window.metadata[kSampleTimeKey] = sample_time_text;
+  window.metadata[kPaddingKey] = request.metadata[kPaddingKey];
 }
 
 AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
