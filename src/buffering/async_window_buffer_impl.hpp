@@ -6,7 +6,6 @@
 #include <chrono>
 #include <cstddef>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -92,9 +91,8 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   void RunTailPhase();
   bool StopRequested();
   bool WaitForRoom();
-  // The worker's production and queueing when the producer writes into recycled storage.
+  // The worker's production step: the window is written into `spare`.
   bool ProduceIntoSpare();
-  void QueueSpare();
   // The worker's step when its producer had nothing ready: a yield, or an idle sleep.
   void IdleUntilReady();
   void ConnectProducerExtensions();

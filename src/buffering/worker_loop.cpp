@@ -71,8 +71,8 @@ void AsyncWindowBuffer::Impl::ConnectProducerExtensions() {
   if (ready_source != nullptr) ready_source->SetReadySignal([this] { RaiseReady(); });
 }
 
-// A producer that throws here cannot reach the consumer any more; its signal is then left
-// installed, which the buffer outlives only when the producer is moved out of it, and it is not.
+// As the worker ends. A failure here has no consumer left to reach; the producer then keeps a
+// signal that nobody may raise once the buffer is gone, as its contract says.
 void AsyncWindowBuffer::Impl::DisconnectReadySignal() noexcept {
   try {
     ready_source->SetReadySignal(nullptr);
@@ -102,7 +102,7 @@ void AsyncWindowBuffer::Impl::RunInitialPhase() {
     if (producer->IsExhausted()) return;
     if (!WaitForRoom()) return;
     if (!ProduceIntoSpare()) return;  // nothing ready: on to the steady phase without yielding
-    QueueSpare();
+    QueueWindow(std::move(spare));    // spare gets the slot's old storage
   }
 }
 
@@ -118,7 +118,7 @@ void AsyncWindowBuffer::Impl::RunSteadyPhase() {
       continue;
     }
     idle_sleep = kFirstIdleSleep;
-    QueueSpare();
+    QueueWindow(std::move(spare));
   }
 }
 
@@ -213,21 +213,12 @@ void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration
   statistics.Record(charged_s, duration_s, growth);
 }
 
-// The queueing step: the window is moved, never copied, to the back of the queue.
+// The queueing step: the window is moved, never copied, to the back of the queue, and `window` is
+// left holding the storage of whatever window that slot held last, for the worker to reuse.
 void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
   {
     auto lock = Lock();
     queue.PushSwap(window);
-  }
-  cv.notify_all();
-}
-
-// The worker's queueing step: spare takes the place of the slot it fills, and with it the storage
-// of whatever window that slot held last.
-void AsyncWindowBuffer::Impl::QueueSpare() {
-  {
-    auto lock = Lock();
-    queue.PushSwap(spare);
   }
   cv.notify_all();
 }

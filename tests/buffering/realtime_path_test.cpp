@@ -15,20 +15,18 @@ namespace corvane::control::window {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::CallLog;
 using testing::FiniteScript;
 using testing::MakeWindow;
-using testing::MessageOf;
 using testing::RecyclingScriptedProducer;
-using testing::Script;
 using testing::ValueOf;
 using testing_support::Guarded;
+
+constexpr std::size_t kCapacity = 4;  // queue capacity where the storage goes round
 
 // Pops with PopInto until the end and returns the values of the windows popped.
 std::vector<double> PopAllInto(AsyncWindowBuffer& buffer) {
   std::vector<double> values;
-  WindowPayload window;
-  while (Guarded([&] { return buffer.PopInto(window); }, "PopInto")) {
+  for (WindowPayload window; Guarded([&] { return buffer.PopInto(window); }, "PopInto");) {
     values.push_back(ValueOf(window));
   }
   return values;
@@ -42,8 +40,7 @@ std::vector<double> Count(double from, double to) {
 
 TEST(RealtimePathTest, PopIntoDeliversInOrderAndTheWorkerWritesIntoTheStorageHandedBack) {
   constexpr std::size_t kWindows = 40;
-  constexpr std::size_t kCapacity = 4;
-  auto log = std::make_shared<CallLog>();
+  auto log = std::make_shared<testing::CallLog>();
   auto producer = std::make_unique<RecyclingScriptedProducer>(log, FiniteScript(kWindows));
   RecyclingScriptedProducer& recycling = *producer;
   AsyncWindowBuffer buffer(std::move(producer), 0, kCapacity);
@@ -56,7 +53,7 @@ TEST(RealtimePathTest, PopIntoDeliversInOrderAndTheWorkerWritesIntoTheStorageHan
 }
 
 TEST(RealtimePathTest, PopIntoEndsLikePop) {
-  Script failing = FiniteScript(5);
+  testing::Script failing = FiniteScript(5);
   failing.produce = [](std::size_t n) -> std::optional<WindowPayload> {
     if (n == 2) throw std::runtime_error("solver diverged");
     return MakeWindow(static_cast<double>(n), n);
@@ -68,10 +65,11 @@ TEST(RealtimePathTest, PopIntoEndsLikePop) {
   EXPECT_TRUE(buffer.PopInto(window));
   EXPECT_EQ(ValueOf(window), 1.0);
   for (int call = 0; call < 2; ++call) {
-    EXPECT_EQ(MessageOf<std::runtime_error>([&] { buffer.PopInto(window); }), "solver diverged");
+    EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.PopInto(window); }),
+              "solver diverged");
   }
 
-  Script nothing_ready;
+  testing::Script nothing_ready;
   nothing_ready.produce = [](std::size_t) { return std::nullopt; };
   AsyncWindowBuffer idle(testing::Recorded(nothing_ready).producer);
   idle.Start();
@@ -112,12 +110,12 @@ TEST(RealtimePathTest, AWaitingWorkerSleepsUntilTheReadySignalOrBacksOff) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     auto ready = std::make_shared<std::atomic<bool>>(false);
-    Script script;
+    testing::Script script;
     script.produce = [ready](std::size_t n) -> std::optional<WindowPayload> {
       if (!ready->exchange(false)) return std::nullopt;
       return MakeWindow(static_cast<double>(n), n);
     };
-    auto log = std::make_shared<CallLog>();
+    auto log = std::make_shared<testing::CallLog>();
     auto producer = std::make_unique<RecyclingScriptedProducer>(log, script);
     RecyclingScriptedProducer& signalling = *producer;
     AsyncWindowBuffer buffer(std::move(producer));
@@ -127,20 +125,20 @@ TEST(RealtimePathTest, AWaitingWorkerSleepsUntilTheReadySignalOrBacksOff) {
       if (error.code() != std::errc::operation_not_permitted) throw;
       continue;  // no real-time policy for this process
     }
-    ASSERT_TRUE(log->WaitFor(CallLog::kProduce, 1));
+    ASSERT_TRUE(log->WaitFor(testing::CallLog::kProduce, 1));
     ASSERT_TRUE(!c.signalled || signalling.WaitForSignalChanges(1));
     *ready = true;
     signalling.Raise();
     EXPECT_TRUE(Guarded([&] { return buffer.Pop(); }, "Pop").has_value());
     Guarded([&] { return (buffer.Close(), true); }, "Close");
-    EXPECT_TRUE(!c.asks_little || log->Count(CallLog::kProduce) <= 3u)
-        << log->Count(CallLog::kProduce) << " calls";
+    EXPECT_TRUE(!c.asks_little || log->Count(testing::CallLog::kProduce) <= 3u)
+        << log->Count(testing::CallLog::kProduce) << " calls";
     EXPECT_FALSE(signalling.HasSignal());  // removed as the worker ended
   }
 
   // Without a signal, a waiting worker asks again after a bounded back-off.
   auto ready = std::make_shared<std::atomic<bool>>(false);
-  Script unsignalled;
+  testing::Script unsignalled;
   unsignalled.produce = [ready](std::size_t n) -> std::optional<WindowPayload> {
     if (!ready->load()) return std::nullopt;
     return MakeWindow(static_cast<double>(n), n);
@@ -148,7 +146,7 @@ TEST(RealtimePathTest, AWaitingWorkerSleepsUntilTheReadySignalOrBacksOff) {
   testing::Recorded recorded(unsignalled);
   AsyncWindowBuffer buffer(std::move(recorded.producer), 0, 1);
   buffer.Start(WorkerSettings{WorkerPolicy::kNormal, 0, {}, "", WorkerIdle::kWait});
-  ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 2));
+  ASSERT_TRUE(recorded.log->WaitFor(testing::CallLog::kProduce, 2));
   *ready = true;
   EXPECT_TRUE(Guarded([&] { return buffer.Pop(); }, "Pop").has_value());
 }
