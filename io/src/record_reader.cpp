@@ -40,6 +40,11 @@ struct FaultFinder : msgpack::null_visitor {
   }
 };
 
+// Copies the stored doubles into storage of their count (which an empty array may lack).
+void CopyDoubles(const msgpack::object_bin& data, double* values) {
+  if (data.size > 0) std::memcpy(values, data.ptr, data.size);
+}
+
 // Walks the entries of one record, keeping the offset of the entry being decoded.
 class EntryReader {
  public:
@@ -169,14 +174,14 @@ class EntryReader {
                           : cols <= values / rows && rows * cols == values;
     if (!fits) Malformed(field);
     cw::SampleMatrix matrix(static_cast<Eigen::Index>(rows), static_cast<Eigen::Index>(cols));
-    std::memcpy(matrix.data(), data.ptr, data.size);
+    CopyDoubles(data, matrix.data());
     return matrix;
   }
 
   Eigen::VectorXd Vector(const msgpack::object& object, const char* field) const {
     const msgpack::object_bin& data = Bin(object, field);
     Eigen::VectorXd vector(static_cast<Eigen::Index>(data.size / sizeof(double)));
-    std::memcpy(vector.data(), data.ptr, data.size);
+    CopyDoubles(data, vector.data());
     return vector;
   }
 

@@ -66,7 +66,7 @@ void PackDoubles(Packer& packer, const double* data, Eigen::Index count) {
   }
   const auto bytes = static_cast<std::uint32_t>(size);
   packer.pack_bin(bytes);
-  packer.pack_bin_body(reinterpret_cast<const char*>(data), bytes);
+  if (bytes > 0) packer.pack_bin_body(reinterpret_cast<const char*>(data), bytes);
 }
 
 void PackMatrix(Packer& packer, const std::optional<cw::SampleMatrix>& matrix) {
@@ -159,6 +159,8 @@ void RecordWriter::Close() {
 }
 
 std::size_t RecordWriter::windows() const { return impl_->windows; }
+
+const std::string& RecordWriter::path() const { return impl_->path; }
 
 void RecordWriter::Impl::WriteEntry() {
   const std::size_t written = std::fwrite(entry.data(), 1, entry.size(), file);

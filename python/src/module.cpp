@@ -23,4 +23,5 @@ PYBIND11_MODULE(corvane_window, module) {
   corvane::python::BindProducers(module);
   corvane::python::BindBuffers(module);
   corvane::python::BindWorkerSettings(module);
+  corvane::python::BindIo(module);
 }

@@ -66,6 +66,8 @@ class CORVANE_EXPORT RecordWriter {
   void Close();
   // Windows appended so far.
   std::size_t windows() const;
+  // The file written.
+  const std::string& path() const;
 
  private:
   struct CORVANE_HIDDEN Impl;
