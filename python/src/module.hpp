@@ -28,9 +28,5 @@ void BindProducers(py::module_& module);
 void BindBuffers(py::module_& module);
 // WorkerPolicy, WorkerSettings and the buffers' Start(settings); after BindBuffers.
 void BindWorkerSettings(py::module_& module);
-// The submodule io (the companion library corvane::shaper_io); after BindProducers.
-void BindIo(py::module_& module);
-// RecordedWindow, RecordFileError, RecordWriter and the record readers, into the io submodule.
-void BindWindowRecord(py::module_& io);
 
 }  // namespace corvane::python

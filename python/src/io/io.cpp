@@ -1,6 +1,6 @@
 // The submodule corvane_window.io: what reads and writes files (the companion library
 // corvane::shaper_io).
-#include "module.hpp"
+#include "io/io.hpp"
 
 namespace corvane::python {
 
@@ -9,6 +9,8 @@ void BindIo(py::module_& module) {
       "io",
       "Files of the companion library corvane::shaper_io: records of the windows a run popped, "
       "saved as they come and replayed as a producer.");
+  // `import corvane_window.io` finds it too.
+  py::module_::import("sys").attr("modules")[io.attr("__name__")] = io;
   BindWindowRecord(io);
 }
 

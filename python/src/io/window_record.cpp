@@ -4,7 +4,7 @@
 
 #include <corvane_shaper_io/window_record.hpp>
 
-#include "module.hpp"
+#include "io/io.hpp"
 #include "record_class.hpp"
 
 namespace corvane::python {
