@@ -127,7 +127,7 @@ TEST(WindowRecord, RefusesDamagedFilesNamingTheByte) {
   }
 }
 
-TEST(WindowRecord, ReportsWhatTheFileSystemRefuses) {
+TEST(WindowRecord, WriterRefusesWhatItCannotStoreAndClosesEveryFile) {
   EXPECT_THROW(cio::RecordWriter("/nonexistent/run.record"), std::system_error);
   EXPECT_THROW(cio::ReadRecord("/nonexistent/run.record"), std::system_error);
   cio::RecordWriter full("/dev/full");  // accepts the data, then cannot store it
@@ -143,6 +143,11 @@ TEST(WindowRecord, ReportsWhatTheFileSystemRefuses) {
   writer.Close();
   EXPECT_THROW(writer.Append(Full().window, 0.0), std::runtime_error);
   EXPECT_TRUE(cio::ReadRecord(path).empty());  // nothing refused reached the file
+
+  cio::RecordWriter replaced(path);
+  replaced.Append(Full().window, 0.0);
+  replaced = cio::RecordWriter(path + ".next");  // closes the file it leaves
+  EXPECT_EQ(cio::ReadRecord(path).size(), 1u);
 }
 
 }  // namespace
