@@ -8,6 +8,7 @@ import numpy as np
 import numpy.typing as npt
 
 from . import engines as engines
+from . import io as io
 
 __version__: str
 
