@@ -6,8 +6,7 @@ import corvane_window as cw
 from conftest import WAIT_S
 
 
-class Echo(cw.LiftedMpcSolveSession):
-    """Applies the reference unchanged; notes where it resumed."""
+class Echo(cw.LiftedMpcSolveSession):  # applies the reference unchanged; notes where it resumed
     Prepare = Finalize = lambda self: None
     ResumeFrom = lambda self, point: setattr(self, "point", point)
 
