@@ -1,7 +1,6 @@
 // Replacing the unplayed reference: where production resumes and what is discarded, the refusals
 // that change nothing, and a stale window in flight. Racing threads are the lifecycle fuzzer's.
 #include <chrono>
-#include <cmath>
 #include <functional>
 #include <future>
 #include <stdexcept>
@@ -107,14 +106,11 @@ TEST(WindowReplacementTest, ARefusedReplacementChangesNothing) {
             "start_index must be at least the earliest replaceable index 4."},
            {[](auto& b) { b.ReplaceReference(21, Ramp(2, 0.0)); }, true,
             "start_index must not exceed the 20 stored samples."},
-           {[](auto& b) { b.ReplaceReference(8, Ramp(2, std::nan(""))); }, true,
-            "command must be finite."},
            {[](auto& b) { b.ReplaceReference(8, SampleMatrix::Zero(1, 2)); }, true,
             "command joint count does not match the appendable buffer."},
            {[](auto& b) { b.StopSmoothly(0); }, true, "hold_samples must be positive."},
            {[](auto& b) { b.Finish(), b.ReplaceReference(8, Ramp(2, 0.0)); }, false,
             "Cannot replace reference samples after Finish()."}}) {
-    SCOPED_TRACE(c.message);
     Stream stream;
     const auto call = [&] { c.call(stream.buffer); };
     EXPECT_EQ(c.invalid_argument ? MessageOf<std::invalid_argument>(call)
