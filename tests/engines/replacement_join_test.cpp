@@ -83,9 +83,7 @@ TEST(ReplacementJoinTest, ShapingAcrossAJoinEqualsOfflineShapingOfTheSplicedRefe
     SCOPED_TRACE(join);
     const cw::SampleMatrix shaped =
         Stream(std::make_unique<ShapingSolveSession>(
-                   std::make_unique<cw::testing::ResumableFollowSolver>(
-                       std::make_shared<std::vector<cw::SolveResumePoint>>()),
-                   shaper, kSampleTimeS),
+                   std::make_unique<cw::testing::ResumableFollowSolver>(), shaper, kSampleTimeS),
                join, nullptr);
     const cw::SampleMatrix offline =
         ShapeSamples(Reference(join + 350, join), kSampleTimeS, shaper);
