@@ -3,8 +3,8 @@
 // non-standard exceptions. Every wait is bounded, so a hang shows as a libFuzzer time-out. The
 // windows come out in production order, none lost and none twice, and a failure comes only after
 // every queued window. An input that destroys that buffer goes on with a stream whose reference is
-// appended to, replaced and stopped smoothly while the worker produces and windows are popped:
-// across every join the windows handed out follow one another, none lost and none twice.
+// appended to, replaced and stopped smoothly as it runs: across every join, no window lost or
+// twice.
 #include <atomic>
 #include <limits>
 #include <stdexcept>
