@@ -2,9 +2,8 @@
 // yields nothing, yields an invalid window, runs out, returns tail windows, or throws standard and
 // non-standard exceptions. Every wait is bounded, so a hang shows as a libFuzzer time-out. The
 // windows come out in production order, none lost and none twice, and a failure comes only after
-// every queued window. An input that destroys that buffer goes on with a stream whose reference is
-// appended to, replaced and stopped smoothly as it runs: across every join, no window lost or
-// twice.
+// every queued window. An input that destroys that buffer goes on with a stream that is replaced
+// and stopped smoothly as it runs: across every join, no window is lost or handed out twice.
 #include <atomic>
 #include <limits>
 #include <stdexcept>
