@@ -106,8 +106,9 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   std::optional<std::string> LastError() const;
   // Before Start(): produces up to max_windows windows on the calling thread and queues them,
   // ignoring the capacity. Returns how many were queued (fewer when the producer runs out or has
-  // nothing ready). Throws std::runtime_error after Start(); producer and validation errors pass
-  // through to the caller.
+  // nothing ready). Throws std::runtime_error after Start(), and while another Prefill call runs
+  // (one call at a time drives the producer); producer and validation errors pass through to the
+  // caller.
   std::size_t Prefill(std::size_t max_windows);
   // Judges the history of produced windows against compute_fraction_limit (compute seconds per
   // second of window duration). Throws std::invalid_argument unless the limit is finite and
