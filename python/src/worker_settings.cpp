@@ -14,18 +14,20 @@ void BindWorkerSettings(py::module_& module) {
   py::enum_<cw::WorkerPolicy>(module, "WorkerPolicy", "The scheduling policy of a worker thread.")
       .value("kNormal", cw::WorkerPolicy::kNormal)
       .value("kFifo", cw::WorkerPolicy::kFifo)
-      .value("kRoundRobin", cw::WorkerPolicy::kRoundRobin);
+      .value("kRoundRobin", cw::WorkerPolicy::kRoundRobin)
+      .value("kInherit", cw::WorkerPolicy::kInherit);
 
   using Settings = cw::WorkerSettings;
   py::class_<Settings>(module, "WorkerSettings",
-                       "Scheduling of a buffer's worker thread: policy, priority (1 to 99 for the "
-                       "real-time policies, else 0), the CPUs it may run on (empty: any) and its "
-                       "name (at most 15 characters; empty: inherited).")
+                       "Scheduling of a buffer's worker thread: policy (kInherit: the starting "
+                       "thread's), priority (1 to 99 for the real-time policies, else 0), the CPUs "
+                       "it may run on (empty: any) and its name (at most 15 characters; empty: "
+                       "inherited). Each setting left at its default keeps the starting thread's.")
       .def(py::init(
                [](cw::WorkerPolicy policy, int priority, std::vector<int> cpus, std::string name) {
                  return Settings{policy, priority, std::move(cpus), std::move(name)};
                }),
-           py::arg("policy") = cw::WorkerPolicy::kNormal, py::arg("priority") = 0,
+           py::arg("policy") = cw::WorkerPolicy::kInherit, py::arg("priority") = 0,
            py::arg("cpus") = std::vector<int>(), py::arg("name") = std::string())
       .def_readwrite("policy", &Settings::policy)
       .def_readwrite("priority", &Settings::priority)

@@ -7,6 +7,7 @@
 #include <future>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 #include <tuple>
 
 #include <gmock/gmock.h>
@@ -192,6 +193,7 @@ TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorkerOrLeavesTheBuffer
       {{WorkerPolicy::kNormal, 0, {-1}, ""}, "WorkerSettings::cpus (CPU -1)"},
       {{WorkerPolicy::kNormal, 5, {}, ""}, "WorkerSettings::policy"},
       {{WorkerPolicy::kFifo, 1000, {}, ""}, "WorkerSettings::policy"},
+      {{WorkerPolicy::kInherit, 5, {}, ""}, "WorkerSettings::policy"},
   };
   std::string skipped;
   for (const auto& c : cases) {
@@ -226,6 +228,30 @@ TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorkerOrLeavesTheBuffer
     EXPECT_TRUE(c.refused || fields(*observed) == fields(c.settings)) << c.settings.name;
   }
   if (!skipped.empty()) GTEST_SKIP() << "this process may not use real-time policies:" << skipped;
+}
+
+// Settings that ask for no policy, or for a name alone, leave the worker with the starting
+// thread's policy: here SCHED_BATCH, which any thread may take.
+TEST(AsyncWindowBufferTest, StartWithoutAPolicyKeepsTheStartingThreadsPolicy) {
+  WorkerSettings named;
+  named.name = "corvane-named";
+  for (const WorkerSettings& settings : {WorkerSettings{}, named}) {
+    auto policy = std::make_shared<int>(-1);
+    Script script = FiniteScript(0);
+    script.prepare = [policy] {
+      sched_param parameters{};
+      pthread_getschedparam(pthread_self(), policy.get(), &parameters);
+    };
+    Recorded recorded(script);
+    AsyncWindowBuffer buffer(std::move(recorded.producer));
+    std::thread([&] {
+      const sched_param parameters{};
+      pthread_setschedparam(pthread_self(), SCHED_BATCH, &parameters);
+      buffer.Start(settings);
+    }).join();
+    EXPECT_TRUE(Guarded([&] { return buffer.Join(); }, "Join"));
+    EXPECT_EQ(*policy, SCHED_BATCH) << settings.name;
+  }
 }
 
 }  // namespace
