@@ -63,19 +63,28 @@ TEST(AppendableWindowBufferTest, ForwardsToTheSharedReference) {
             "Cannot append reference samples after Finish().");
 }
 
-// A producer blocked on its first reference sample is released by the stop of Close() and by
-// the destructor.
+// A producer blocked on its first reference sample, as the lifted-MPC producer is, is released
+// by the stop of Close() and by the destructor. Each comes once the producer has begun to wait,
+// past the worker's last test of the stop.
 TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsForSamples) {
-  {
-    Stream stream;
-    stream.buffer.Start();
-    Guarded([&] { stream.buffer.Close(); }, "Close");
-    EXPECT_FALSE(stream.buffer.PopNowait().has_value());
-    EXPECT_TRUE(stream.buffer.IsComplete());
+  for (const bool close : {true, false}) {
+    auto reference = std::make_shared<AppendableReferenceBuffer>(2);
+    testing::Script script;
+    script.produce = [reference](std::size_t) {
+      reference->WaitUntilSamples(1);
+      return std::optional<WindowPayload>();
+    };
+    Recorded recorded(script);
+    auto buffer = std::make_unique<AppendableWindowBuffer>(std::move(recorded.producer), reference);
+    buffer->Start();
+    ASSERT_TRUE(recorded.log->WaitFor(testing::CallLog::kProduce, 1));
+    if (close) {
+      Guarded([&] { buffer->Close(); }, "Close");
+      EXPECT_FALSE(buffer->PopNowait().has_value());
+      EXPECT_TRUE(buffer->IsComplete());
+    }
+    Guarded([&] { buffer.reset(); }, "destruction");
   }
-  auto stream = std::make_unique<Stream>();
-  stream->buffer.Start();
-  Guarded([&] { stream.reset(); }, "destruction");
 }
 
 // Ten samples arrive before the producer starts; it asks for sample 0, of which 4 are kept. Its
