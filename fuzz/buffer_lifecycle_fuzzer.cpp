@@ -22,14 +22,12 @@ using testing::CallLog;
 constexpr char kScriptedFailure[] = "scripted failure";
 
 // The producer's answers, decoded from the input. Its k-th valid window holds the value k, and
-// `produced` counts the valid windows it handed out. `endless` tells whether it is never
-// exhausted.
+// `produced` counts the valid windows it handed out.
 std::unique_ptr<WindowProducerSession> ScriptedProducer(
-    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced, bool& endless) {
+    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced) {
   auto log = std::make_shared<CallLog>();
   const bool prepare_fails = in.OneIn(4), finalize_fails = in.OneIn(4);
   const std::size_t calls = in.Below(48), tail = in.Below(4);  // from 40 calls on: never exhausted
-  endless = calls >= 40;
   std::vector<std::uint8_t> answers(1 + in.Below(8));
   for (std::uint8_t& answer : answers) answer = in.Byte();
 
@@ -160,17 +158,12 @@ struct Lifecycle {
 
 }  // namespace
 
-// A buffer with the input's capacity, producer and prefill count, decoded in that order, then the
-// input's calls until it runs out or destroys the buffer; a buffer left is closed and drained.
-// An endless producer behind an unbounded queue would produce as fast as it runs, and every call
-// after would work over a history without bound, so it always gets a capacity.
+// A buffer with the input's capacity, prefill count and producer, then the input's calls until
+// it runs out or destroys the buffer; a buffer left is closed and drained.
 void RunInput(FuzzInput& in) {
   Lifecycle run;
-  std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
-  bool endless = false;
-  std::unique_ptr<WindowProducerSession> producer = ScriptedProducer(in, run.produced, endless);
-  if (endless && limit == 0) limit = 4;
-  run.buffer.emplace(std::move(producer), in.Below((limit ? limit : 4) + 1),
+  const std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
+  run.buffer.emplace(ScriptedProducer(in, run.produced), in.Below((limit ? limit : 4) + 1),
                      limit ? std::optional<std::size_t>(limit) : std::nullopt);
   while (!in.Empty()) {
     if (!run.Step(in)) return;

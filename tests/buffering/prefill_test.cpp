@@ -51,19 +51,17 @@ TEST(PrefillTest, AfterStartThrowsWithoutTouchingTheProducer) {
 
 // A second call while the first waits in the producer is refused; the first goes on.
 TEST(PrefillTest, ASecondCallWhileOneRunsIsRefused) {
-  std::promise<void> release;
-  auto script = Altered(FiniteScript(2),
-                        [released = release.get_future().share()](std::size_t n, auto window) {
-                          if (n == 0) released.wait_for(testing_support::kHangLimit);
-                          return window;
-                        });
-  Recorded recorded(script);
+  std::promise<void> go_on;
+  Recorded recorded(Altered(FiniteScript(2), [held = go_on.get_future().share()](auto n, auto w) {
+    if (n == 0) held.wait_for(testing_support::kHangLimit);
+    return w;
+  }));
   AsyncWindowBuffer buffer(std::move(recorded.producer));
   auto first = std::async(std::launch::async, [&] { return buffer.Prefill(2); });
   ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 1));
   EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.Prefill(1); }),
             "Prefill must not be called while another Prefill call runs.");
-  release.set_value();
+  go_on.set_value();
   EXPECT_EQ(first.get(), 2u);
 }
 
