@@ -64,8 +64,7 @@ TEST(AppendableWindowBufferTest, ForwardsToTheSharedReference) {
 }
 
 // A producer blocked on its first reference sample, as the lifted-MPC producer is, is released
-// by the stop of Close() and by the destructor. Each comes once the producer has begun to wait,
-// past the worker's last test of the stop.
+// by the stop of Close() and by the destructor, each called once the producer has begun to wait.
 TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsForSamples) {
   for (const bool close : {true, false}) {
     auto reference = std::make_shared<AppendableReferenceBuffer>(2);
