@@ -80,6 +80,9 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // the mark at its cursor from its construction on. Without a retention nothing is dropped and
   // the mark changes nothing.
   void KeepFrom(std::size_t first_unread);
+  // How many samples an append or a hold may add now without dropping one that has not been read
+  // yet; absent when nothing limits it (no retention, or no mark).
+  std::optional<std::size_t> appendable_samples() const;
   // The retention given at construction; absent when every sample is kept.
   std::optional<std::size_t> retention_samples() const;
   // Number of samples stored, held samples included.

@@ -96,6 +96,9 @@ void BindReferenceBuffer(py::module_& module) {
            "or a hold that would drop one of them raises RuntimeError naming it and stores "
            "nothing. The lifted-MPC producer keeps the mark at its cursor. Without a retention "
            "the mark changes nothing.")
+      .def("appendable_samples", &Buffer::appendable_samples,
+           "How many samples an append or a hold may add now without dropping one that has not "
+           "been read yet; None when nothing limits it (no retention, or no mark).")
       .def("retention_samples", &Buffer::retention_samples,
            "The retention given at construction; None when every sample is kept.")
       .def("available_samples", &Buffer::available_samples,

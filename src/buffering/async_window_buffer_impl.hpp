@@ -48,7 +48,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   // Takes the lock.
   std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(mutex); }
 
-  // Sets `started`; throws std::runtime_error when it was set already.
+  // Sets `started`; throws std::runtime_error when it was set already or a Prefill call runs.
   void MarkStarted();
   // Lets one Prefill call at a time drive the producer: sets `prefilling`, or throws
   // std::runtime_error after Start() or while another Prefill call runs. Release clears it.

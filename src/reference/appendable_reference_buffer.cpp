@@ -36,6 +36,9 @@ struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   std::size_t SampleCount() const { return sample_count; }
   // Index of the oldest sample still stored.
   std::size_t FirstRetained() const;
+  // The most samples that can be stored without dropping one that a reader has yet to read;
+  // absent when nothing limits it.
+  std::optional<std::size_t> UnreadLimit() const;
   // Throws std::runtime_error, naming `argument`, when storing samples up to `samples` would drop
   // one that a reader has yet to read.
   void CheckKeepsUnread(std::size_t samples, const char* argument) const;
@@ -87,12 +90,20 @@ std::size_t AppendableReferenceBuffer::Impl::FirstRetained() const {
   return sample_count - *retention_samples;
 }
 
-// Up to `samples`, the retention keeps the samples from samples - retention on. The first sample
-// that would go unread is the reader's mark, or the oldest stored one when the mark lies before it.
+// The retention keeps the samples from count - retention on, so the mark's sample stays while the
+// count is at most mark + retention (saturated at the top of std::size_t).
+std::optional<std::size_t> AppendableReferenceBuffer::Impl::UnreadLimit() const {
+  if (!retention_samples || !keep_from) return std::nullopt;
+  return *keep_from +
+         std::min(*retention_samples, std::numeric_limits<std::size_t>::max() - *keep_from);
+}
+
+// The first sample that would go unread is the reader's mark, or the oldest stored one when the
+// mark lies before it.
 void AppendableReferenceBuffer::Impl::CheckKeepsUnread(std::size_t samples,
                                                        const char* argument) const {
-  if (!retention_samples || !keep_from || samples <= *retention_samples) return;
-  if (samples - *retention_samples <= *keep_from) return;
+  const std::optional<std::size_t> limit = UnreadLimit();
+  if (!limit || samples <= *limit) return;
   throw std::runtime_error(std::string(argument) + " would drop reference sample " +
                            std::to_string(std::max(*keep_from, FirstRetained())) +
                            ", which has not been read yet.");
@@ -292,6 +303,13 @@ bool AppendableReferenceBuffer::WaitUntilSamples(std::size_t count,
 void AppendableReferenceBuffer::KeepFrom(std::size_t first_unread) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   impl_->keep_from = first_unread;
+}
+
+std::optional<std::size_t> AppendableReferenceBuffer::appendable_samples() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  const std::optional<std::size_t> limit = impl_->UnreadLimit();
+  if (!limit) return std::nullopt;
+  return *limit > impl_->sample_count ? *limit - impl_->sample_count : 0;
 }
 
 std::optional<std::size_t> AppendableReferenceBuffer::retention_samples() const {

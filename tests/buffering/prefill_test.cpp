@@ -49,7 +49,7 @@ TEST(PrefillTest, AfterStartThrowsWithoutTouchingTheProducer) {
   EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
 }
 
-// A second call while the first waits in the producer is refused; the first goes on.
+// A second call, and Start(), while the first waits in the producer are refused; it goes on.
 TEST(PrefillTest, ASecondCallWhileOneRunsIsRefused) {
   std::promise<void> go_on;
   Recorded recorded(Altered(FiniteScript(2), [held = go_on.get_future().share()](auto n, auto w) {
@@ -61,6 +61,8 @@ TEST(PrefillTest, ASecondCallWhileOneRunsIsRefused) {
   ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 1));
   EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.Prefill(1); }),
             "Prefill must not be called while another Prefill call runs.");
+  EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.Start(); }),
+            "AsyncWindowBuffer::Start() must not be called while Prefill runs.");
   go_on.set_value();
   EXPECT_EQ(first.get(), 2u);
 }
