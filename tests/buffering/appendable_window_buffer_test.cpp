@@ -17,14 +17,16 @@ using testing::MessageOf;
 using testing::Recorded;
 using testing_support::Guarded;
 
-// A buffer whose lifted-MPC producer follows a reference of two joints.
+// A buffer over a reference of two joints whose producer, as the lifted-MPC producer does, waits
+// for the first reference sample; `recorded` counts its calls.
 struct Stream {
   std::shared_ptr<AppendableReferenceBuffer> reference =
       std::make_shared<AppendableReferenceBuffer>(2);
-  AppendableWindowBuffer buffer{
-      std::make_unique<AppendableLiftedMpcWindowProducer>(
-          std::make_unique<testing::FollowReferenceSolver>(), reference, 4, 10, 0.001, 0),
-      reference};
+  Recorded recorded{testing::Altered(testing::Script(), [reference = reference](auto, auto) {
+    reference->WaitUntilSamples(1);
+    return std::optional<WindowPayload>();
+  })};
+  AppendableWindowBuffer buffer{std::move(recorded.producer), reference};
 };
 
 SampleMatrix Block(Eigen::Index rows, double first_value) {
@@ -63,27 +65,21 @@ TEST(AppendableWindowBufferTest, ForwardsToTheSharedReference) {
             "Cannot append reference samples after Finish().");
 }
 
-// A producer blocked on its first reference sample, as the lifted-MPC producer is, is released
-// by the stop of Close() and by the destructor, each called once the producer has begun to wait.
+// A producer blocked on its first reference sample is released by the stop of Close() and by
+// the destructor, each called once the producer has begun to wait.
 TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsForSamples) {
-  for (const bool close : {true, false}) {
-    auto reference = std::make_shared<AppendableReferenceBuffer>(2);
-    testing::Script script;
-    script.produce = [reference](std::size_t) {
-      reference->WaitUntilSamples(1);
-      return std::optional<WindowPayload>();
-    };
-    Recorded recorded(script);
-    auto buffer = std::make_unique<AppendableWindowBuffer>(std::move(recorded.producer), reference);
-    buffer->Start();
-    ASSERT_TRUE(recorded.log->WaitFor(testing::CallLog::kProduce, 1));
-    if (close) {
-      Guarded([&] { buffer->Close(); }, "Close");
-      EXPECT_FALSE(buffer->PopNowait().has_value());
-      EXPECT_TRUE(buffer->IsComplete());
-    }
-    Guarded([&] { buffer.reset(); }, "destruction");
+  {
+    Stream stream;
+    stream.buffer.Start();
+    ASSERT_TRUE(stream.recorded.log->WaitFor(testing::CallLog::kProduce, 1));
+    Guarded([&] { stream.buffer.Close(); }, "Close");
+    EXPECT_FALSE(stream.buffer.PopNowait().has_value());
+    EXPECT_TRUE(stream.buffer.IsComplete());
   }
+  auto stream = std::make_unique<Stream>();
+  stream->buffer.Start();
+  ASSERT_TRUE(stream->recorded.log->WaitFor(testing::CallLog::kProduce, 1));
+  Guarded([&] { stream.reset(); }, "destruction");
 }
 
 // Ten samples arrive before the producer starts; it asks for sample 0, of which 4 are kept. Its

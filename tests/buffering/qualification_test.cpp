@@ -119,8 +119,7 @@ QualificationReport PlainReport(const std::vector<double>& comp, const std::vect
   return report;
 }
 
-// Histories across several statistics chunks, with ties, without a retention, with one and with
-// one too large to round up to whole chunks.
+// Histories across several statistics chunks, with ties, with and without a retention, huge too.
 TEST(QualificationTest, MatchesAPlainCopyOfTheHistoryToTheBit) {
   std::mt19937_64 random(20261122);
   std::uniform_real_distribution<double> compute(0.5, 1.5);
