@@ -45,8 +45,11 @@ bool Same(const std::optional<Array>& left, const std::optional<Array>& right) {
   return left.has_value() == right.has_value() && (!left || SameBits(*left, *right));
 }
 
+// Writes the record to a file of the running test's own, since tests may run in parallel.
 std::string Write(const std::vector<cio::RecordedWindow>& record) {
-  const std::string path = ::testing::TempDir() + "window_record_test.record";
+  const std::string path = ::testing::TempDir() +
+                           ::testing::UnitTest::GetInstance()->current_test_info()->name() +
+                           ".record";
   cio::RecordWriter writer(path);
   for (const cio::RecordedWindow& recorded : record)
     writer.Append(recorded.window, recorded.popped_s);
