@@ -269,7 +269,7 @@ struct Followed {
 };
 
 // The design followed from the undamped closed form up to damping ratio `until`, in steps that
-// double while they succeed (up to 0.02) and halve when the solve fails or the solution stops
+// double while they succeed (up to 0.05) and halve when the solve fails or the solution stops
 // being a design, each started from the line through the last two designs. It stops where the
 // step falls under 1e-7: the design ends there.
 Followed FollowDesign(const HumpFamily& family, double tolerance, double until) {
