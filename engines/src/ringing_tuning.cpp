@@ -118,16 +118,22 @@ void FitNonlinear(DampedSine& sine, const Eigen::VectorXd& t, const Eigen::Vecto
     const Eigen::VectorXd misfit = basis * sine.linear - x;
     Eigen::VectorXd step = Eigen::VectorXd::Zero(6);
     step.tail(6 - first) = jacobian.rightCols(6 - first).householderQr().solve(-misfit);
-    double scale = 1.0;
+    const double before = misfit.squaredNorm();
+    double scale = 1.0, after = before;
     for (; scale > 1e-6; scale /= 2.0) {
       DampedSine trial{sine.decay_per_s + scale * step(0), sine.frequency_rad_s + scale * step(1),
                        sine.linear + scale * step.tail(4)};
-      if (Misfit(trial, t, x).squaredNorm() < misfit.squaredNorm()) {
+      after = Misfit(trial, t, x).squaredNorm();
+      if (after < before) {
         sine = trial;
         break;
       }
     }
-    if (scale <= 1e-6 || step.head(2).cwiseAbs().maxCoeff() < 1e-12 * sine.frequency_rad_s) return;
+    // Converged once a step no longer moves the misfit or the frequency.
+    if (scale <= 1e-6 || before - after < 1e-12 * before ||
+        step.head(2).cwiseAbs().maxCoeff() < 1e-12 * sine.frequency_rad_s) {
+      return;
+    }
   }
 }
 
