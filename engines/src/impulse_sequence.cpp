@@ -89,8 +89,12 @@ double UncheckedResidualVibration(const ImpulseSequence& shaper, const Vibration
 double SampledResidualVibration(const ImpulseSequence& shaper, const VibrationMode& mode,
                                 double sample_time_s) {
   ValidateVibrationMode(mode);
-  return UncheckedResidualVibration(ShapingTaps(shaper, sample_time_s).Impulses(sample_time_s),
-                                    mode);
+  const ImpulseSequence applied = ShapingTaps(shaper, sample_time_s).Impulses(sample_time_s);
+  if (!std::isfinite(applied.times_s.back())) {
+    throw std::invalid_argument(
+        "sample_time_s is too long for the shaper: its whole-sample delays are not finite.");
+  }
+  return UncheckedResidualVibration(applied, mode);
 }
 
 Eigen::Index ShaperSamples(const ImpulseSequence& shaper, double sample_time_s) {

@@ -30,9 +30,10 @@ constexpr double kNearNyquistShare = 0.25;
 
 // A decaying sine on a straight line,
 // x(t) = exp(-decay t) (a cos(w t) + b sin(w t)) + offset + drift t.
+// Time in samples: decay [1/sample] and damped frequency [rad/sample].
 struct DampedSine {
-  double decay_per_s;
-  double frequency_rad_s;  // damped
+  double decay;
+  double frequency;
   Eigen::Vector4d linear;  // a, b, offset, drift
 };
 
@@ -53,19 +54,26 @@ void CheckRecording(const Eigen::VectorXd& samples, double sample_rate_hz) {
     throw std::invalid_argument(
         "The ringing recording holds no ringing: its samples are constant.");
   }
-  const Eigen::VectorXd rest = WithoutTrend(samples);
-  if (!(rest.maxCoeff() - rest.minCoeff() > 1e-9 * spread)) {
+}
+
+// The samples over their largest magnitude, so that no sum of squares overflows. Throws
+// std::invalid_argument when they lie on a straight line.
+Eigen::VectorXd Normalised(const Eigen::VectorXd& samples) {
+  const Eigen::VectorXd x = samples / samples.cwiseAbs().maxCoeff();
+  const Eigen::VectorXd rest = WithoutTrend(x);
+  if (!(rest.maxCoeff() - rest.minCoeff() > 1e-9 * (x.maxCoeff() - x.minCoeff()))) {
     throw std::invalid_argument(
         "The ringing recording holds no ringing: its samples lie on a straight line.");
   }
+  return x;
 }
 
 // Columns exp(-decay t) cos(w t), exp(-decay t) sin(w t), 1, t of the model at times t.
 Eigen::MatrixXd LinearBasis(const DampedSine& sine, const Eigen::VectorXd& t) {
   Eigen::MatrixXd basis(t.size(), 4);
-  const Eigen::ArrayXd envelope = (-sine.decay_per_s * t.array()).exp();
-  basis.col(0) = envelope * (sine.frequency_rad_s * t.array()).cos();
-  basis.col(1) = envelope * (sine.frequency_rad_s * t.array()).sin();
+  const Eigen::ArrayXd envelope = (-sine.decay * t.array()).exp();
+  basis.col(0) = envelope * (sine.frequency * t.array()).cos();
+  basis.col(1) = envelope * (sine.frequency * t.array()).sin();
   basis.col(2).setOnes();
   basis.col(3) = t;
   return basis;
@@ -86,11 +94,10 @@ Eigen::VectorXd Misfit(const DampedSine& sine, const Eigen::VectorXd& t, const E
 // The start of the fit: the frequency of the strongest spectral line that the recording covers
 // at least twice, once rid of its trend, with the decay, out of a logarithmic range of damping
 // ratios from 1e-4 to 0.9, that fits best.
-DampedSine StartingSine(const Eigen::VectorXd& t, const Eigen::VectorXd& x, double sample_rate_hz) {
+DampedSine StartingSine(const Eigen::VectorXd& t, const Eigen::VectorXd& x) {
   const double duration = t(t.size() - 1);
   const double w =
-      2.0 * kPi *
-      SpectralPeakHz(PaddedSpectrum(WithoutTrend(x), sample_rate_hz), kMinimumPeriods / duration);
+      2.0 * kPi * SpectralPeakHz(PaddedSpectrum(WithoutTrend(x), 1.0), kMinimumPeriods / duration);
   DampedSine best{0.0, w, {}};
   double best_misfit = FitLinear(best, t, x);
   for (double z = 1e-4; z <= 0.9; z *= 1.3) {
@@ -121,7 +128,7 @@ void FitNonlinear(DampedSine& sine, const Eigen::VectorXd& t, const Eigen::Vecto
     const double before = misfit.squaredNorm();
     double scale = 1.0, after = before;
     for (; scale > 1e-6; scale /= 2.0) {
-      DampedSine trial{sine.decay_per_s + scale * step(0), sine.frequency_rad_s + scale * step(1),
+      DampedSine trial{sine.decay + scale * step(0), sine.frequency + scale * step(1),
                        sine.linear + scale * step.tail(4)};
       after = Misfit(trial, t, x).squaredNorm();
       if (after < before) {
@@ -131,7 +138,7 @@ void FitNonlinear(DampedSine& sine, const Eigen::VectorXd& t, const Eigen::Vecto
     }
     // Converged once a step no longer moves the misfit or the frequency.
     if (scale <= 1e-6 || before - after < 1e-12 * before ||
-        step.head(2).cwiseAbs().maxCoeff() < 1e-12 * sine.frequency_rad_s) {
+        step.head(2).cwiseAbs().maxCoeff() < 1e-12 * sine.frequency) {
       return;
     }
   }
@@ -139,15 +146,15 @@ void FitNonlinear(DampedSine& sine, const Eigen::VectorXd& t, const Eigen::Vecto
 
 // The fitted sine, its decay held at 0 where it came out negative. Throws std::invalid_argument
 // when the oscillation grows by more than a tenth over the recording: no free ringing does.
-DampedSine FitRinging(const Eigen::VectorXd& t, const Eigen::VectorXd& x, double sample_rate_hz) {
-  DampedSine sine = StartingSine(t, x, sample_rate_hz);
+DampedSine FitRinging(const Eigen::VectorXd& t, const Eigen::VectorXd& x) {
+  DampedSine sine = StartingSine(t, x);
   FitNonlinear(sine, t, x, true);
-  if (sine.decay_per_s < 0.0) {
-    if (std::exp(-sine.decay_per_s * t(t.size() - 1)) > 1.1) {
+  if (sine.decay < 0.0) {
+    if (std::exp(-sine.decay * t(t.size() - 1)) > 1.1) {
       throw std::invalid_argument(
           "The ringing recording holds no free ringing: its oscillation grows.");
     }
-    sine.decay_per_s = 0.0;
+    sine.decay = 0.0;
     FitLinear(sine, t, x);
     FitNonlinear(sine, t, x, false);
   }
@@ -156,10 +163,10 @@ DampedSine FitRinging(const Eigen::VectorXd& t, const Eigen::VectorXd& x, double
 
 // Throws std::invalid_argument unless the recording covers two periods of the fitted ringing
 // and the ringing lasts that long (its envelope above 1 % of its start).
-void CheckPeriods(const DampedSine& sine, double duration_s) {
-  const double periods = sine.frequency_rad_s * duration_s / (2.0 * kPi);
+void CheckPeriods(const DampedSine& sine, double duration) {
+  const double periods = sine.frequency * duration / (2.0 * kPi);
   if (periods >= kMinimumPeriods) return;
-  const double lasting = sine.frequency_rad_s * std::log(100.0) / (2.0 * kPi * sine.decay_per_s);
+  const double lasting = sine.frequency * std::log(100.0) / (2.0 * kPi * sine.decay);
   if (lasting < kMinimumPeriods) {
     throw std::invalid_argument(
         "The ringing recording holds a ringing too strongly damped to read: it dies out within " +
@@ -254,26 +261,30 @@ ShaperChoice Choose(const VibrationMode& mode, double frequency_uncertainty, dou
 
 RingingEstimate EstimateRinging(const Eigen::VectorXd& samples, double sample_rate_hz) {
   CheckRecording(samples, sample_rate_hz);
-  const Eigen::VectorXd t =
-      Eigen::VectorXd::LinSpaced(samples.size(), 0.0, static_cast<double>(samples.size() - 1)) /
-      sample_rate_hz;
-  const DampedSine sine = FitRinging(t, samples, sample_rate_hz);
-  CheckPeriods(sine, t(t.size() - 1));
+  // Fitted in samples and in units of the largest magnitude, so that no rate or scale overflows:
+  // decay and frequency per sample.
+  const double scale = samples.cwiseAbs().maxCoeff();
+  const Eigen::VectorXd x = Normalised(samples);
+  const auto n = static_cast<double>(samples.size());
+  const Eigen::VectorXd k = Eigen::VectorXd::LinSpaced(samples.size(), 0.0, n - 1.0);
+  const DampedSine sine = FitRinging(k, x);
+  CheckPeriods(sine, n - 1.0);
   RingingEstimate estimate;
-  estimate.amplitude = std::hypot(sine.linear(0), sine.linear(1));
-  estimate.noise_rms =
-      Misfit(sine, t, samples).norm() / std::sqrt(static_cast<double>(samples.size()));
+  estimate.amplitude = std::hypot(sine.linear(0), sine.linear(1)) * scale;
+  const double misfit_rms = Misfit(sine, k, x).norm() / std::sqrt(n);
+  estimate.noise_rms = misfit_rms * scale;
   // A ringing explains most of what the samples vary by about their trend; a fit to noise
   // explains little.
-  const double spread_rms =
-      WithoutTrend(samples).norm() / std::sqrt(static_cast<double>(samples.size()));
-  if (!(estimate.noise_rms < 0.7 * spread_rms)) {
+  if (!(misfit_rms < 0.7 * WithoutTrend(x).norm() / std::sqrt(n))) {
     throw std::invalid_argument(
         "The ringing recording holds no ringing: no decaying oscillation stands out of the noise.");
   }
-  const double natural = std::hypot(sine.decay_per_s, sine.frequency_rad_s);
-  estimate.mode = {natural / (2.0 * kPi), sine.decay_per_s / natural};
-  estimate.near_nyquist = sine.frequency_rad_s / (2.0 * kPi) > kNearNyquistShare * sample_rate_hz;
+  const double natural = std::hypot(sine.decay, sine.frequency);
+  estimate.mode = {natural / (2.0 * kPi) * sample_rate_hz, sine.decay / natural};
+  if (!(estimate.mode.natural_frequency_hz > 0.0)) {
+    throw std::invalid_argument("sample_rate_hz is too low: the ringing's frequency underflows.");
+  }
+  estimate.near_nyquist = sine.frequency / (2.0 * kPi) > kNearNyquistShare;
   return estimate;
 }
 

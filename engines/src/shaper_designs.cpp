@@ -444,6 +444,9 @@ std::optional<ImpulseSequence> DesignIfExists(ShaperKind kind, const VibrationMo
 ImpulseSequence DesignShaper(ShaperKind kind, const VibrationMode& mode,
                              double vibration_tolerance) {
   ValidateDesign(mode, vibration_tolerance);
+  if (const std::optional<HumpFamily> family = HumpFamilyOf(kind, vibration_tolerance)) {
+    return HumpShaper(mode, vibration_tolerance, *family);
+  }
   switch (kind) {
     case ShaperKind::kZv:
       return ZvShaper(mode);
@@ -451,14 +454,9 @@ ImpulseSequence DesignShaper(ShaperKind kind, const VibrationMode& mode,
       return MzvShaper(mode);
     case ShaperKind::kZvd:
       return ZvdShaper(mode);
-    case ShaperKind::kEi:
-      return EiShaper(mode, vibration_tolerance);
-    case ShaperKind::kTwoHumpEi:
-      return TwoHumpEiShaper(mode, vibration_tolerance);
-    case ShaperKind::kThreeHumpEi:
-      return ThreeHumpEiShaper(mode, vibration_tolerance);
+    default:
+      throw std::invalid_argument("kind must be one of the ShaperKind values.");
   }
-  throw std::invalid_argument("kind must be one of the ShaperKind values.");
 }
 
 }  // namespace corvane::control::engines
