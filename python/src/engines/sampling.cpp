@@ -11,8 +11,9 @@ void BindSampling(py::module_& engines) {
   engines.def("MaximumDampingRatio", WithoutGilCall(&ce::MaximumDampingRatio), py::arg("kind"),
               py::arg("vibration_tolerance") = ce::kDefaultVibrationTolerance,
               "The largest damping ratio [-] up to which a design of the kind exists at "
-              "vibration_tolerance (to within 1e-7): 1 for the zero-vibration kinds and for a "
-              "design that lasts up to 0.999, None when not even the undamped design exists. "
+              "vibration_tolerance, found by following the design from the undamped one: 1 for "
+              "the zero-vibration kinds and for a design that lasts up to 0.999, None when not "
+              "even the undamped design is found. "
               "Raises ValueError naming vibration_tolerance outside (0, 1).");
   engines.def("SampledResidualVibration", &ce::SampledResidualVibration, py::arg("shaper"),
               py::arg("mode"), py::arg("sample_time_s"),
