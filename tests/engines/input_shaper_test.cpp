@@ -228,6 +228,24 @@ TEST(InputShaperTest, ShapedCommandLeavesTheClosedFormShareOfTheVibration) {
   }
 }
 
+// A step shaped at 1 kHz and held over each sample leaves on an undamped mode what the sampled
+// closed form says: near the Nyquist frequency the interpolated delays no longer cancel, and a
+// ZV for 150 Hz leaves several percent where the continuous closed form says 0.
+TEST(InputShaperTest, SampledVibrationIsWhatTheInterpolatedShaperLeaves) {
+  cw::SampleMatrix step = cw::SampleMatrix::Ones(100, 1);
+  step.topRows(10).setZero();
+  for (const double f : {40.0, 150.0, 310.0}) {
+    const VibrationMode mode{f, 0.0};
+    for (const ImpulseSequence& shaper : {ZvShaper(mode), EiShaper(mode)}) {
+      EXPECT_NEAR(PlantVibration(ShapeSamples(step, kSampleTimeS, shaper), mode) /
+                      PlantVibration(step, mode),
+                  SampledResidualVibration(shaper, mode, kSampleTimeS), 1e-9)
+          << f;
+    }
+  }
+  EXPECT_GT(SampledResidualVibration(ZvShaper({150, 0}), {150, 0}, kSampleTimeS), 0.04);
+}
+
 // ZV at 4 Hz, undamped: half of the move now, half 125 ms later; windows of 7, the last of 3.
 TEST(InputShaperTest, WindowsTileTheShapedMotionAndStopWhenTheSessionEnds) {
   InputShaper shaper(QuinticMove(), kSampleTimeS, ZvShaper({4.0, 0.0}), 7);
