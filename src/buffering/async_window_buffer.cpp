@@ -111,6 +111,7 @@ std::optional<WindowPayload> AsyncWindowBuffer::Pop(
   }
   std::optional<WindowPayload> window(std::move(state.queue.front()));
   state.queue.pop_front();
+  if (state.timing) state.RecordPopTiming();
   lock.unlock();
   state.cv.notify_all();  // a worker may be waiting for room
   return window;

@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "buffering/timing_log_impl.hpp"
 #include "buffering/window_statistics.hpp"
 #include "window/async_buffer.hpp"
 
@@ -39,6 +40,8 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   std::exception_ptr failure;             // what ended the worker, rethrown by Pop
   std::optional<std::string> last_error;  // its text
   WindowStatistics statistics;            // compute time and duration per produced window
+  std::shared_ptr<TimingLog> timing;      // the attached timing log; null without one
+  WindowProduction production;  // the last produced window's timing: producing thread only
 
   // The worker thread's whole body: session, initial, steady and tail phases, then the end.
   // Returns normally in every case; a failure is stored for the consumer.
@@ -58,6 +61,11 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   void PrepareSessionOnce();
   std::optional<WindowPayload> ProduceWindow();
   void QueueWindow(WindowPayload&& window);
+
+  // The timing log's hooks, with the lock held and a log attached: the window just queued at the
+  // back, and the one just popped from the front.
+  void RecordQueueTiming(std::chrono::steady_clock::time_point queued_at);
+  void RecordPopTiming();
 
  private:
   void RunInitialPhase();

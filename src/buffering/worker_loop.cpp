@@ -2,8 +2,8 @@
 // worker shares with Prefill.
 //
 // No producer call and no validation ever happens under the lock; every lock scope here is a
-// flag test, one queue operation or two statistics appends, and every notification follows the
-// unlock.
+// flag test, one queue operation (with a timing log, and the window's entry) or two statistics
+// appends, and every notification follows the unlock.
 #include <algorithm>
 #include <exception>
 #include <optional>
@@ -101,9 +101,14 @@ void AsyncWindowBuffer::Impl::RunTailPhase() {
   while (true) {
     if (StopRequested()) return;
     if (!WaitForRoom()) return;
+    const auto t0 = std::chrono::steady_clock::now();
     std::optional<WindowPayload> window = producer->Finalize();
     if (!window) return;
     ValidateWindowPayload(*window);
+    if (timing) {
+      production = {t0, SecondsBetween(t0, std::chrono::steady_clock::now()),
+                    WindowDurationSeconds(*window)};
+    }
     QueueWindow(std::move(*window));
   }
 }
@@ -135,7 +140,9 @@ std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
   ValidateWindowPayload(*window);
   const double measured_s = SecondsBetween(t0, t1);
   const double charged_s = std::max(measured_s, window->compute_time_s);
-  RecordStatistics(charged_s, WindowDurationSeconds(*window));
+  const double duration_s = WindowDurationSeconds(*window);
+  RecordStatistics(charged_s, duration_s);
+  production = {t0, charged_s, duration_s};
   return window;
 }
 
@@ -147,11 +154,15 @@ void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration
   statistics.Record(charged_s, duration_s, growth);
 }
 
-// The queueing step: the window is moved, never copied, to the back of the queue.
+// The queueing step: the window is moved, never copied, to the back of the queue. With a timing
+// log, its entry is written in the same lock scope, so a pop always finds it.
 void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
+  const auto queued_at =
+      timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   {
     auto lock = Lock();
     queue.push_back(std::move(window));
+    if (timing) RecordQueueTiming(queued_at);
   }
   cv.notify_all();
 }
