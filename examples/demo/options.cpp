@@ -15,7 +15,7 @@ const char kUsage[] =
     "Usage: corvane-window-demo [options]\n"
     "Streams point-to-point moves through the lifted-MPC path into a simulated flexible arm,\n"
     "unshaped and shaped, and prints the vibration they leave against theory (plant mode;\n"
-    "it takes only --plot). The other modes play a 6-joint arm's moves in real time.\n"
+    "it takes only --plot and --timing). The other modes play a 6-joint arm's moves in real time.\n"
     "  --mode plant|mpc|shaper|replay\n"
     "                            the simulated arm (default); lifted MPC over a streamed\n"
     "                            reference, input shaping, or replay of precomputed windows\n"
@@ -28,7 +28,11 @@ const char kUsage[] =
     "  --shape                   MPC mode: shape the streamed reference online (EI shaper)\n"
     "  --csv FILE                write time, reference and command per joint\n"
     "  --plot FILE.png           draw reference against command per joint; in plant mode the\n"
-    "                            payload deflection and the command per joint (needs gnuplot)\n";
+    "                            payload deflection and the command per joint (needs gnuplot)\n"
+    "  --timing FILE             write the timing of every window as CSV (in plant mode, of the\n"
+    "                            tuned shaped run); with --plot also FILE-timing.png beside the\n"
+    "                            plot: compute time and margin per window, and the loop's pop\n"
+    "                            latency with the deadline misses marked\n";
 
 namespace {
 
@@ -105,6 +109,7 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
        [&](const std::string& v) { options.duration_s = ParsePositive("--duration", v, 600.0); }},
       {"--csv", [&](const std::string& v) { options.csv_path = v; }},
       {"--plot", [&](const std::string& v) { options.plot_path = v; }},
+      {"--timing", [&](const std::string& v) { options.timing_path = v; }},
   };
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
@@ -132,6 +137,7 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
   }
   CheckWritable("--csv", options.csv_path);
   CheckWritable("--plot", options.plot_path);
+  CheckWritable("--timing", options.timing_path);
   return options;
 }
 

@@ -27,6 +27,7 @@ struct DemoOptions {
   bool shape = false;                    // MPC mode: shape the streamed reference online
   std::string csv_path;                  // empty: no CSV file
   std::string plot_path;                 // empty: no plot
+  std::string timing_path;               // empty: no timing log
   bool help = false;
 
   double sample_time_s() const { return 1.0 / rate_hz; }

@@ -9,6 +9,7 @@
 #include <corvane_shaper_engines/ringing_tuning.hpp>
 
 #include "demo/gnuplot.hpp"
+#include "demo/timing.hpp"
 #include "plant/experiment.hpp"
 
 namespace corvane::demo {
@@ -202,6 +203,13 @@ void RunPlantDemo(const DemoOptions& options) {
       trials.size() + 1, speed.simulated_s, speed.wall_s, speed.simulated_s / speed.wall_s);
   PrintQualification(tuned.run.stream.qualification);
   if (!options.plot_path.empty()) WritePlantPlot(options.plot_path, experiment.unshaped(), tuned);
+  if (!options.timing_path.empty()) {
+    const TimingRecord timing{tuned.run.stream.timing, 0};
+    WriteTimingCsv(options.timing_path, timing);
+    if (!options.plot_path.empty()) {
+      WriteTimingPlot(TimingPlotPath(options.plot_path), timing, LoggedPopLatencies(timing), {});
+    }
+  }
 }
 
 }  // namespace corvane::demo

@@ -16,6 +16,7 @@
 #include <corvane_shaper_engines/impulse_sequence.hpp>
 #include <window/async_buffer.hpp>
 #include <window/records.hpp>
+#include <window/timing_log.hpp>
 
 #include "plant/flexible_arm.hpp"
 #include "plant/residual_vibration.hpp"
@@ -47,6 +48,7 @@ struct LockstepRun {
   std::vector<SampleSpan> holds;            // samples of the reference the producer held
   std::vector<SampleSpan> moves;            // where each block's move lies in the reference
   control::window::QualificationReport qualification;
+  std::vector<control::window::WindowTiming> timing;  // every window's timing, in the order popped
   double wall_time_s = 0.0;  // [s] steady-clock time of the run, for its speed only
 };
 
