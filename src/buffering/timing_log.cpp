@@ -15,6 +15,10 @@ namespace corvane::control::window {
 namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
+// The fields of an entry are stored with release and loaded with acquire order (plain moves on
+// x86): a reader that loads a field written after a version change then sees that change too.
+constexpr auto kRelease = std::memory_order_release;
+constexpr auto kAcquire = std::memory_order_acquire;
 
 constexpr std::uint64_t Writing(std::uint64_t sequence) { return 2 * sequence + 1; }
 constexpr std::uint64_t Written(std::uint64_t sequence) { return 2 * sequence + 2; }
@@ -40,18 +44,17 @@ void TimingLog::Impl::RecordQueued(const WindowPayload& window, const WindowProd
   const std::uint64_t sequence = queued_windows.load(kRelaxed);
   Slot& slot = SlotOf(sequence);
   slot.queued_version.store(Writing(sequence), kRelaxed);
-  std::atomic_thread_fence(std::memory_order_release);
-  slot.start_index.store(window.start_index, kRelaxed);
-  slot.stop_index.store(window.stop_index, kRelaxed);
-  slot.production_start_s.store(Seconds(production.start), kRelaxed);
-  slot.compute_time_s.store(production.compute_time_s, kRelaxed);
-  slot.duration_s.store(production.duration_s, kRelaxed);
-  slot.queued_s.store(Seconds(queued_at), kRelaxed);
-  slot.queue_depth_windows.store(depth, kRelaxed);
-  slot.queued_version.store(Written(sequence), std::memory_order_release);
+  slot.start_index.store(window.start_index, kRelease);
+  slot.stop_index.store(window.stop_index, kRelease);
+  slot.production_start_s.store(Seconds(production.start), kRelease);
+  slot.compute_time_s.store(production.compute_time_s, kRelease);
+  slot.duration_s.store(production.duration_s, kRelease);
+  slot.queued_s.store(Seconds(queued_at), kRelease);
+  slot.queue_depth_windows.store(depth, kRelease);
+  slot.queued_version.store(Written(sequence), kRelease);
 
   KeepBest(max_compute_time_s, production.compute_time_s, sequence == 0, std::greater<>());
-  queued_windows.store(sequence + 1, std::memory_order_release);
+  queued_windows.store(sequence + 1, kRelease);
 }
 
 // The window popped now is the oldest queued one, so its sequence is the count of earlier pops.
@@ -63,40 +66,38 @@ void TimingLog::Impl::RecordPopped(Clock::time_point popped_at) noexcept {
   const double popped_s = Seconds(popped_at);
   if (slot.queued_version.load(kRelaxed) != Written(sequence)) {
     next_due_s = std::numeric_limits<double>::quiet_NaN();
-    popped_windows.store(sequence + 1, std::memory_order_release);
+    popped_windows.store(sequence + 1, kRelease);
     return;
   }
   const double due_s = std::isnan(next_due_s) ? popped_s : next_due_s;
   const double margin_s = due_s - slot.queued_s.load(kRelaxed);
   slot.popped_version.store(Writing(sequence), kRelaxed);
-  std::atomic_thread_fence(std::memory_order_release);
-  slot.popped_s.store(popped_s, kRelaxed);
-  slot.margin_s.store(margin_s, kRelaxed);
-  slot.popped_version.store(Written(sequence), std::memory_order_release);
+  slot.popped_s.store(popped_s, kRelease);
+  slot.margin_s.store(margin_s, kRelease);
+  slot.popped_version.store(Written(sequence), kRelease);
   next_due_s = popped_s + slot.duration_s.load(kRelaxed);
 
   KeepBest(min_margin_s, margin_s, !margin_recorded, std::less<>());
   margin_recorded = true;
   if (margin_s < 0.0) underrun_windows.store(underrun_windows.load(kRelaxed) + 1, kRelaxed);
-  popped_windows.store(sequence + 1, std::memory_order_release);
+  popped_windows.store(sequence + 1, kRelease);
 }
 
 bool TimingLog::Impl::ReadEntry(std::uint64_t sequence, WindowTiming& entry) const noexcept {
   const Slot& slot = SlotOf(sequence);
-  const std::uint64_t queued = slot.queued_version.load(std::memory_order_acquire);
-  const std::uint64_t popped = slot.popped_version.load(std::memory_order_acquire);
+  const std::uint64_t queued = slot.queued_version.load(kAcquire);
+  const std::uint64_t popped = slot.popped_version.load(kAcquire);
   if (queued != Written(sequence) || popped != Written(sequence)) return false;
   entry.sequence = sequence;
-  entry.start_index = slot.start_index.load(kRelaxed);
-  entry.stop_index = slot.stop_index.load(kRelaxed);
-  entry.production_start_s = slot.production_start_s.load(kRelaxed);
-  entry.compute_time_s = slot.compute_time_s.load(kRelaxed);
-  entry.duration_s = slot.duration_s.load(kRelaxed);
-  entry.queued_s = slot.queued_s.load(kRelaxed);
-  entry.queue_depth_windows = slot.queue_depth_windows.load(kRelaxed);
-  entry.popped_s = slot.popped_s.load(kRelaxed);
-  entry.margin_s = slot.margin_s.load(kRelaxed);
-  std::atomic_thread_fence(std::memory_order_acquire);
+  entry.start_index = slot.start_index.load(kAcquire);
+  entry.stop_index = slot.stop_index.load(kAcquire);
+  entry.production_start_s = slot.production_start_s.load(kAcquire);
+  entry.compute_time_s = slot.compute_time_s.load(kAcquire);
+  entry.duration_s = slot.duration_s.load(kAcquire);
+  entry.queued_s = slot.queued_s.load(kAcquire);
+  entry.queue_depth_windows = slot.queue_depth_windows.load(kAcquire);
+  entry.popped_s = slot.popped_s.load(kAcquire);
+  entry.margin_s = slot.margin_s.load(kAcquire);
   return slot.queued_version.load(kRelaxed) == queued &&
          slot.popped_version.load(kRelaxed) == popped;
 }
@@ -117,8 +118,8 @@ std::chrono::steady_clock::time_point TimingLog::Origin() const { return impl_->
 // Entries older than the ring's reach are counted without being looked at; any other entry that
 // changes while it is read was overwritten too.
 TimingRead TimingLog::Read(std::uint64_t sequence) const {
-  const std::uint64_t popped = impl_->popped_windows.load(std::memory_order_acquire);
-  const std::uint64_t queued = impl_->queued_windows.load(std::memory_order_acquire);
+  const std::uint64_t popped = impl_->popped_windows.load(kAcquire);
+  const std::uint64_t queued = impl_->queued_windows.load(kAcquire);
   const std::uint64_t reach = queued > impl_->capacity ? queued - impl_->capacity : 0;
   TimingRead read;
   read.next_sequence = std::max(sequence, popped);

@@ -1,12 +1,11 @@
 // Private state of TimingLog: the ring of entries, the counters, and the two recording steps that
 // the buffer calls with its lock held.
 //
-// Every field of an entry is an atomic read and written with relaxed order, guarded by a sequence
-// number per writer: the producing side's fields by `queued_version`, the pop's by
-// `popped_version`. Entry n is written as version 2n + 1 and complete as 2n + 2, so a reader knows
-// both whether a slot holds the entry it wants and whether it changed while being read, without
-// ever making a writer wait. Each field has one writer at a time: the buffer's lock orders the
-// worker (or Prefill) and the consumers among themselves.
+// Every field of an entry is an atomic, guarded by a sequence number per writer: the producing
+// side's fields by `queued_version`, the pop's by `popped_version`. Entry n is written as version
+// 2n + 1 and complete as 2n + 2, so a reader knows both whether a slot holds the entry it wants and
+// whether it changed while being read, without ever making a writer wait. Each field has one writer
+// at a time: the buffer's lock orders the worker (or Prefill) and the consumers among themselves.
 #pragma once
 
 #include <atomic>
