@@ -50,7 +50,9 @@ class CORVANE_EXPORT RecordWriter {
   // Creates the file at path (replacing one that exists) and writes the header. Throws
   // std::system_error naming the file when it cannot be created or written.
   explicit RecordWriter(const std::string& path);
+  // Takes the other writer's file; the other holds none afterwards.
   RecordWriter(RecordWriter&& other) noexcept;
+  // Closes this writer's file without its closing entry, then takes the other's.
   RecordWriter& operator=(RecordWriter&& other) noexcept;
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
