@@ -145,7 +145,10 @@ TEST(TimingLogTest, RefusesALogItCannotKeepWhole) {
   const std::pair<Before, std::string> cases[] = {
       {[](auto& b, auto&) { b.Start(); },
        "runtime: AttachTimingLog must be called before Prefill() and Start()."},
-      {[](auto& b, auto&) { b.Prefill(1); },
+      {[](auto& b, auto&) {
+         b.Prefill(1);
+         b.PopNowait();
+       },
        "runtime: AttachTimingLog must be called before Prefill() and Start()."},
       {[](auto& b, auto&) { b.AttachTimingLog(std::make_shared<TimingLog>(1)); },
        "runtime: AttachTimingLog can only be called once."},
