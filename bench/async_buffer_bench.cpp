@@ -30,6 +30,7 @@
 #include "consumer_probes.hpp"
 #include "handoff_fixtures.hpp"
 #include "ratio_reporter.hpp"
+#include "thread_setup.hpp"
 #include "window/async_buffer.hpp"
 
 namespace cw = corvane::control::window;
@@ -69,13 +70,6 @@ class SlowProducer final : public cw::WindowProducerSession {
   std::size_t produced_ = 0;
 };
 
-// CPU time the calling thread has used, in seconds.
-double ThreadCpuSeconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
 void BM_Throughput_Buffer(benchmark::State& state) {
   const std::optional<std::size_t> capacity =
       state.range(0) ? std::optional<std::size_t>(kBoundedCapacity) : std::nullopt;
@@ -109,9 +103,10 @@ void BM_BlockedPopCpu_Buffer(benchmark::State& state) {
   for (auto _ : state) {
     cw::AsyncWindowBuffer buffer(std::make_unique<SlowProducer>());
     buffer.Start();
-    const double begin = ThreadCpuSeconds();
+    const double begin = corvane::bench::ThreadCpuSeconds();
     while (auto window = buffer.Pop()) benchmark::DoNotOptimize(window->positions.data());
-    state.counters["cpu_us_per_window"] = 1e6 * (ThreadCpuSeconds() - begin) / kSlowWindows;
+    state.counters["cpu_us_per_window"] =
+        1e6 * (corvane::bench::ThreadCpuSeconds() - begin) / kSlowWindows;
   }
 }
 
@@ -119,9 +114,10 @@ void BM_BlockedPopCpu_Baseline(benchmark::State& state) {
   for (auto _ : state) {
     BareHandoff handoff(std::nullopt);
     std::thread producer = BareProducer(handoff, kSlowWindows, kSlowPeriod);
-    const double begin = ThreadCpuSeconds();
+    const double begin = corvane::bench::ThreadCpuSeconds();
     while (auto window = handoff.Pop(true)) benchmark::DoNotOptimize(window->positions.data());
-    state.counters["cpu_us_per_window"] = 1e6 * (ThreadCpuSeconds() - begin) / kSlowWindows;
+    state.counters["cpu_us_per_window"] =
+        1e6 * (corvane::bench::ThreadCpuSeconds() - begin) / kSlowWindows;
     producer.join();
   }
 }
@@ -148,19 +144,6 @@ void BM_ConsumerAllocations_Baseline(benchmark::State& state) {
   }
 }
 
-// Pins the calling thread to `cpu` under SCHED_FIFO; the error text when the system refuses.
-std::optional<std::string> BecomeRealTimeOn(int cpu) {
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  CPU_SET(static_cast<std::size_t>(cpu), &cpus);
-  sched_param parameters{};
-  parameters.sched_priority = 10;
-  int error = pthread_setaffinity_np(pthread_self(), sizeof cpus, &cpus);
-  if (error == 0) error = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
-  if (error != 0) return std::string(std::strerror(error));
-  return std::nullopt;
-}
-
 // A SCHED_FIFO control thread polls Pop(40 us) on the core where the worker (normal policy) runs:
 // a wait that does not sleep would keep the worker from ever producing.
 void BM_FifoPollingShare(benchmark::State& state) {
@@ -175,7 +158,7 @@ void BM_FifoPollingShare(benchmark::State& state) {
     std::size_t received = 0;
     std::optional<std::string> refused;
     std::thread([&] {
-      refused = BecomeRealTimeOn(cpu);
+      refused = corvane::bench::BecomeRealTimeOn(cpu);
       if (refused) return;
       for (std::size_t poll = 0; poll < kPolls; ++poll) {
         if (buffer.Pop(kPollTimeout)) ++received;

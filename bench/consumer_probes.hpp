@@ -1,6 +1,6 @@
-// What the buffer benchmarks measure on the consumer thread: every malloc and free of the process,
-// counted per thread, and the latency distribution of a pop call. Include it in one source of a
-// benchmark program: it replaces malloc and free for the whole program.
+// What the buffer benchmarks measure on the consumer thread: its allocations and frees per window,
+// and the latency distribution of a pop call. Include it in exactly one file of a benchmark
+// program: it replaces malloc and free for the whole program (allocation_counter.hpp).
 #pragma once
 
 #include <algorithm>
@@ -11,22 +11,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "allocation_counter.hpp"
 #include "window/records.hpp"
-
-// Every malloc and free of the process passes here, operator new's and Eigen's included, and is
-// counted for the calling thread.
-thread_local std::size_t thread_allocations = 0;
-thread_local std::size_t thread_frees = 0;
-extern "C" void* __libc_malloc(std::size_t size);
-extern "C" void __libc_free(void* memory);
-extern "C" void* malloc(std::size_t size) noexcept {
-  ++thread_allocations;
-  return __libc_malloc(size);
-}
-extern "C" void free(void* memory) noexcept {
-  if (memory != nullptr) ++thread_frees;
-  __libc_free(memory);
-}
 
 namespace corvane::bench {
 

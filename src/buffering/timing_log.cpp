@@ -39,13 +39,13 @@ TimingLog::Impl::Impl(std::size_t capacity_in)
 
 // The fields are stored between the two versions; a reader that sees the same complete version
 // before and after its reads has read them whole.
-void TimingLog::Impl::RecordQueued(const WindowPayload& window, const WindowProduction& production,
-                                   Clock::time_point queued_at, std::size_t depth) noexcept {
+void TimingLog::Impl::RecordQueued(const WindowProduction& production, Clock::time_point queued_at,
+                                   std::size_t depth) noexcept {
   const std::uint64_t sequence = queued_windows.load(kRelaxed);
   Slot& slot = SlotOf(sequence);
   slot.queued_version.store(Writing(sequence), kRelaxed);
-  slot.start_index.store(window.start_index, kRelease);
-  slot.stop_index.store(window.stop_index, kRelease);
+  slot.start_index.store(production.start_index, kRelease);
+  slot.stop_index.store(production.stop_index, kRelease);
   slot.production_start_s.store(Seconds(production.start), kRelease);
   slot.compute_time_s.store(production.compute_time_s, kRelease);
   slot.duration_s.store(production.duration_s, kRelease);
@@ -167,7 +167,7 @@ void AsyncWindowBuffer::AttachTimingLog(std::shared_ptr<TimingLog> log) {
 }
 
 void AsyncWindowBuffer::Impl::RecordQueueTiming(std::chrono::steady_clock::time_point queued_at) {
-  timing->impl_->RecordQueued(queue.back(), production, queued_at, queue.size());
+  timing->impl_->RecordQueued(production, queued_at, queue.size());
 }
 
 void AsyncWindowBuffer::Impl::RecordPopTiming() {

@@ -14,13 +14,14 @@
 #include <cstdint>
 #include <memory>
 
-#include "window/records.hpp"
 #include "window/timing_log.hpp"
 
 namespace corvane::control::window {
 
 // What the production step knows of a window before it is queued.
 struct WindowProduction {
+  std::size_t start_index = 0;  // its global sample range
+  std::size_t stop_index = 0;
   std::chrono::steady_clock::time_point start;  // when the producer was asked for it
   double compute_time_s = 0.0;                  // [s] charged to it
   double duration_s = 0.0;                      // [s] its duration when played
@@ -45,9 +46,10 @@ struct CORVANE_HIDDEN TimingLog::Impl {
 
   explicit Impl(std::size_t capacity_in);
 
-  // With the buffer's lock held, once `window` is at the back of the queue of `depth` windows.
-  void RecordQueued(const WindowPayload& window, const WindowProduction& production,
-                    Clock::time_point queued_at, std::size_t depth) noexcept;
+  // With the buffer's lock held, once the window `production` describes is at the back of the
+  // queue of `depth` windows.
+  void RecordQueued(const WindowProduction& production, Clock::time_point queued_at,
+                    std::size_t depth) noexcept;
   // With the buffer's lock held, once the oldest queued window has left the queue.
   void RecordPopped(Clock::time_point popped_at) noexcept;
   // Copies entry `sequence` into `entry`; false when the ring no longer holds it whole.
