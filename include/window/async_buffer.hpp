@@ -129,10 +129,9 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // statistics retention; a snapshot taken in constant time.
   ProductionTotals Totals() const;
   // Records the timing of every window queued from now on into `log` (see TimingLog), and keeps
-  // a share of it. Must come before the first window is produced, and not run concurrently with
-  // Prefill or Start. Throws std::invalid_argument for a null log or one attached to a buffer
-  // already, and std::runtime_error after Start(), once a window was produced, or when this
-  // buffer has a log already.
+  // a share of it. Must come before the first window is produced. Throws std::invalid_argument
+  // for a null log or one attached to a buffer already, and std::runtime_error after Start(),
+  // during or after a Prefill that produced a window, or when this buffer has a log already.
   void AttachTimingLog(std::shared_ptr<TimingLog> log);
 
  private:

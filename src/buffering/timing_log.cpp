@@ -156,7 +156,7 @@ void TimingLog::ReportDeadlineMiss() noexcept { impl_->deadline_misses.fetch_add
 void AsyncWindowBuffer::AttachTimingLog(std::shared_ptr<TimingLog> log) {
   if (!log) throw std::invalid_argument("log must not be null.");
   auto lock = impl_->Lock();
-  if (impl_->started || impl_->statistics.Totals().total_windows > 0) {
+  if (impl_->started || impl_->prefilling || impl_->statistics.Totals().total_windows > 0) {
     throw std::runtime_error("AttachTimingLog must be called before Prefill() and Start().");
   }
   if (impl_->timing) throw std::runtime_error("AttachTimingLog can only be called once.");
