@@ -123,8 +123,11 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // caller.
   std::size_t Prefill(std::size_t max_windows);
   // Judges the history of produced windows against compute_fraction_limit (compute seconds per
-  // second of window duration). Throws std::invalid_argument unless the limit is finite and
-  // positive.
+  // second of window duration). A window that AppendableWindowBuffer::ReplaceReference discarded
+  // is judged as produced, never as played: it counts in every figure and in the compute-fraction
+  // test with the duration it was produced for, and its compute time is spent in the running
+  // margin, but its duration adds nothing to the duration played. Throws std::invalid_argument
+  // unless the limit is finite and positive.
   QualificationReport Qualify(double compute_fraction_limit);
   // Window count, total and largest compute time over the buffer's whole life, whatever the
   // statistics retention; a snapshot taken in constant time.
@@ -211,8 +214,9 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   // first reference sample, and otherwise as ReplaceReference.
   ReferenceReplacement StopSmoothly(std::size_t hold_samples);
   // The replacements so far and the windows they discarded; a snapshot in constant time.
-  // Discarded windows count in Totals() as produced windows, and Qualify() judges every produced
-  // window, discarded ones included, with the duration it was produced for.
+  // Discarded windows count in Totals() as produced windows. Qualify() judges each one against the
+  // limit with the duration it was produced for, and counts its compute time as spent but its
+  // duration as never played.
   ReplacementTotals Replacements() const;
 
  private:

@@ -5,7 +5,9 @@
 // Two tests decide. No window may cost more than `compute_fraction_limit` of its own duration
 // (and every duration must be positive). And a consumer that plays the windows back to back,
 // starting once the first prefill_windows windows exist, must never overtake production: the
-// running margin (played duration + prefill credit - compute spent) must never be negative.
+// running margin (played duration + prefill credit - compute spent) must never be negative. A
+// window that a replacement discarded was produced, so it is judged against the limit and its
+// compute time is spent; but it is never played, so it adds nothing to the played duration.
 //
 // Only a snapshot of the history is taken under the lock, in constant time; the history itself
 // is read without the lock. Every figure is formed by the same operations, in the same order, as
@@ -48,13 +50,13 @@ std::vector<double> JudgePlayback(const StatisticsSnapshot& history, Qualificati
   std::size_t unreported = history.RetainedWindows() - history.reported_windows;
   std::vector<double> compute_s;
   compute_s.reserve(history.reported_windows);
-  double played_s = history.played_before_s;
+  double played_s = history.PlayedBeforeRetained();
   double spent_s = history.spent_before_s;
   double min_margin_s = std::numeric_limits<double>::infinity();
   std::size_t underruns = 0;
   bool over_limit = false;
-  history.ForEachRetained([&](double window_compute_s, double duration_s) {
-    played_s += duration_s;
+  history.ForEachRetainedPlayed([&](double window_compute_s, double play_s, double duration_s) {
+    played_s += play_s;
     spent_s += window_compute_s;
     if (unreported > 0) {
       --unreported;

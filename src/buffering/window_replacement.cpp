@@ -24,6 +24,7 @@ struct HeldTail {
   std::optional<CommandSample> previous_command;  // the command at resume_index - 1
   std::deque<WindowPayload> windows;              // queued windows holding start_index or later
   std::list<JoinPoint> joins;                     // their last rows
+  WindowStatistics::Unplayed unplayed;            // freed after the lock: a list replaced
 };
 
 CommandSample LastRow(const WindowPayload& window) {
@@ -70,8 +71,19 @@ HeldTail TakeTail(ReplacementState& state, WindowRing& queue,
   return held;
 }
 
+// `base` with the windows of `joins` unplayed, under the buffer's lock.
+WindowStatistics::Unplayed UnplayedWith(const WindowStatistics& statistics,
+                                        const WindowStatistics::Unplayed& base,
+                                        const std::list<JoinPoint>& joins) {
+  UnplayedList discarded;
+  discarded.reserve(joins.size());
+  for (const JoinPoint& join : joins) discarded.push_back({join.window, join.duration_s});
+  return statistics.PrepareUnplayed(base, discarded);
+}
+
 // Step three after a refusal, under the buffer's lock: everything goes back as it was.
 void PutTailBack(ReplacementState& state, WindowRing& queue, HeldTail& held) {
+  held.unplayed = std::move(state.fenced_unplayed);
   for (WindowPayload& window : held.windows) queue.PushSwap(window);
   state.joins.splice(state.joins.end(), held.joins);
   state.produced_stop = held.produced_stop;
@@ -80,7 +92,10 @@ void PutTailBack(ReplacementState& state, WindowRing& queue, HeldTail& held) {
 
 // Step three after success, under the buffer's lock: the tail is discarded and the worker is
 // told where to resume.
-ReferenceReplacement CommitTail(ReplacementState& state, HeldTail& held, std::size_t stop_index) {
+ReferenceReplacement CommitTail(ReplacementState& state, WindowStatistics& statistics,
+                                HeldTail& held, std::size_t stop_index) {
+  statistics.MarkUnplayed(state.fenced_unplayed);
+  held.unplayed = std::move(state.fenced_unplayed);
   ++state.plan;
   state.pending = PendingResume{held.resume_index, std::move(held.previous_command), state.plan};
   state.fenced = false;
@@ -127,6 +142,12 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
       throw std::runtime_error("ReplaceReference() cannot run once the worker has ended.");
     }
     held = TakeTail(state, queue, start_index);
+    try {  // allocated now, so that the commit cannot fail
+      state.fenced_unplayed = UnplayedWith(statistics, statistics.CurrentUnplayed(), held.joins);
+    } catch (...) {
+      PutTailBack(state, queue, held);
+      throw;
+    }
   }
 
   AppendedRange range;
@@ -151,7 +172,7 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
   ReferenceReplacement result;
   {
     auto lock = Lock();
-    result = CommitTail(state, held, range.stop_index);
+    result = CommitTail(state, statistics, held, range.stop_index);
     ready_raised = true;  // a worker asleep for want of a window has one to make now
   }
   cv.notify_all();
@@ -191,15 +212,24 @@ void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload& window) {
     window.metadata[kReplacementsMetadataKey] = std::to_string(state.adopted_plan);
   }
   std::list<JoinPoint> join;
-  join.push_back(JoinPoint{window.stop_index, LastRow(window), production.compute_time_s,
+  join.push_back(JoinPoint{window.stop_index, 0, LastRow(window), production.compute_time_s,
                            production.duration_s});
   const auto queued_at =
       timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   std::list<JoinPoint> dropped;
+  WindowStatistics::Unplayed unplayed, fenced_unplayed;  // the lists replaced, freed after the lock
   {
     auto lock = Lock();
     cv.wait(lock, [&state, this] { return !state.fenced || stop_requested; });
+    // The production step recorded it last (tail windows, never discarded, are not recorded).
+    join.front().window = statistics.Totals().total_windows - 1;
     if (state.fenced || state.adopted_plan != state.plan) {
+      unplayed = UnplayedWith(statistics, statistics.CurrentUnplayed(), join);
+      if (state.fenced) {  // stopped meanwhile: the commit to come must not forget this window
+        fenced_unplayed = UnplayedWith(statistics, state.fenced_unplayed, join);
+        std::swap(fenced_unplayed, state.fenced_unplayed);
+      }
+      statistics.MarkUnplayed(unplayed);
       ++state.totals.discarded_windows;
       state.totals.discarded_compute_time_s += production.compute_time_s;
       state.totals.discarded_duration_s += production.duration_s;

@@ -16,6 +16,7 @@
 #include <optional>
 
 #include "buffering/window_ring.hpp"
+#include "buffering/window_statistics.hpp"
 #include "window/async_buffer.hpp"
 #include "window/replacement.hpp"
 
@@ -24,6 +25,7 @@ namespace corvane::control::window {
 // The last row of one queued window, kept while a replacement may still resume after it.
 struct CORVANE_HIDDEN JoinPoint {
   std::size_t stop_index = 0;  // one past the window's last sample (global index)
+  std::size_t window = 0;      // its place among the recorded windows (statistics)
   CommandSample command;       // its last row
   double charged_s = 0.0;      // [s] compute time charged to the window
   double duration_s = 0.0;     // [s] its duration
@@ -51,6 +53,9 @@ struct CORVANE_HIDDEN ReplacementState {
   bool fenced = false;                   // a replacement is between its steps
   bool closed = false;                   // the worker has left its production loop
   ReplacementTotals totals;
+  // While fenced: the statistics' unplayed windows once the tail taken out is discarded, so that
+  // the commit only swaps it in; what the producing thread drops meanwhile is added to it too.
+  WindowStatistics::Unplayed fenced_unplayed;
 
   // Used only by the thread that produces (Prefill before Start, then the worker).
   std::size_t adopted_plan = 0;  // the plan the producer works to

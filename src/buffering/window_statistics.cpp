@@ -92,7 +92,42 @@ StatisticsSnapshot WindowStatistics::Snapshot() const {
   snapshot.prefill_credit_s = prefill_credit_s_;
   const std::size_t retained = snapshot.RetainedWindows();
   snapshot.reported_windows = std::min(retained, retained_windows_.value_or(retained));
+  snapshot.first_retained = totals_.total_windows - retained;
+  snapshot.unplayed = unplayed_.list;
+  snapshot.unplayed_before_s = unplayed_.before_s;
   return snapshot;
 }
+
+// Without unplayed windows, exactly the carried sum.
+double StatisticsSnapshot::PlayedBeforeRetained() const {
+  if (!unplayed) return played_before_s;
+  double unplayed_s = unplayed_before_s;
+  const auto first_kept = FirstFrom(*unplayed, first_retained);
+  for (auto entry = unplayed->cbegin(); entry != first_kept; ++entry) {
+    unplayed_s += entry->duration_s;
+  }
+  return played_before_s - unplayed_s;
+}
+
+// The merge keeps the list ascending: a replacement may discard windows recorded before others
+// that an earlier one discarded, while those are still queued.
+WindowStatistics::Unplayed WindowStatistics::PrepareUnplayed(const Unplayed& base,
+                                                             const UnplayedList& discarded) const {
+  const UnplayedList none;
+  const UnplayedList& current = base.list ? *base.list : none;
+  auto list = std::make_shared<UnplayedList>(current.size() + discarded.size());
+  std::merge(current.begin(), current.end(), discarded.begin(), discarded.end(), list->begin(),
+             [](const UnplayedWindow& a, const UnplayedWindow& b) { return a.window < b.window; });
+  const auto first_kept = FirstFrom(*list, Snapshot().first_retained);
+  Unplayed prepared{nullptr, base.before_s};
+  for (auto entry = list->cbegin(); entry != first_kept; ++entry) {
+    prepared.before_s += entry->duration_s;
+  }
+  list->erase(list->cbegin(), first_kept);
+  prepared.list = std::move(list);
+  return prepared;
+}
+
+void WindowStatistics::MarkUnplayed(Unplayed& prepared) noexcept { std::swap(unplayed_, prepared); }
 
 }  // namespace corvane::control::window

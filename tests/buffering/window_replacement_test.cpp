@@ -17,6 +17,15 @@ namespace {
 
 using testing::MessageOf;
 constexpr auto kDeadline = std::chrono::seconds(10);
+constexpr double kComputeS = 100.0;  // declared per window: more than any solve takes
+
+// Every produced window's compute time is spent, but only the windows handed out, [0, played)
+// at 1 ms a sample, add their duration: with compute over duration, the last margin is smallest.
+void ExpectMarginOfPlayedWindows(AsyncWindowBuffer& buffer, std::size_t played) {
+  const QualificationReport report = buffer.Qualify(1.0);
+  EXPECT_NEAR(report.min_margin_s,
+              0.001 * double(played) - kComputeS * double(report.total_windows), 1e-9);
+}
 
 SampleMatrix Ramp(Eigen::Index rows, double first) {
   return Eigen::VectorXd::LinSpaced(rows, first, first + double(rows - 1));
@@ -53,8 +62,8 @@ struct Stream {
       std::make_shared<AppendableReferenceBuffer>(1);
   AppendableWindowBuffer buffer{
       std::make_unique<AppendableLiftedMpcWindowProducer>(
-          std::make_unique<testing::ResumableFollowSolver>(resumes, on_solve), reference, 4, 8,
-          0.001, 0),
+          std::make_unique<testing::ResumableFollowSolver>(resumes, on_solve, kComputeS), reference,
+          4, 8, 0.001, 0),
       reference};
 };
 
@@ -79,7 +88,9 @@ TEST(WindowReplacementTest, ResumesAtTheStartOfTheWindowHoldingTheJoin) {
               start + c.resume + c.discarded + 1);
     EXPECT_EQ(done.stop_index + stream.buffer.Replacements().discarded_windows,
               start + 6 + c.discarded);
-    for (const WindowPayload& window : stream.Drain(4)) {
+    const std::vector<WindowPayload> windows = stream.Drain(4);
+    ExpectMarginOfPlayedWindows(stream.buffer, windows.empty() ? 4 : windows.back().stop_index);
+    for (const WindowPayload& window : windows) {
       for (Eigen::Index row = 0; row < window.positions.rows(); ++row) {
         const std::size_t i = window.start_index + std::size_t(row);
         EXPECT_EQ(window.positions(row, 0), i < start     ? double(i)
@@ -159,6 +170,7 @@ TEST(WindowReplacementTest, AWindowInFlightWhenItsSamplesAreReplacedIsNeverHande
   ASSERT_EQ(windows.size(), 2u);
   EXPECT_EQ(windows[0].positions(2, 0), 1000.0);
   EXPECT_EQ(stream.buffer.Replacements().discarded_windows, 1u);
+  ExpectMarginOfPlayedWindows(stream.buffer, windows.back().stop_index);
 }
 
 }  // namespace

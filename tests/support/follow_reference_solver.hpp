@@ -45,16 +45,21 @@ class FollowReferenceSolver final : public LiftedMpcSolveSession {
 
 // Follows every request and, having no state, resumes anywhere. It records each resume point in
 // `resumes` and calls `on_solve` (when set) as each solve begins, so a test can hold one in flight.
+// Its answers declare `compute_time_s`, so that a test knows what each window is charged.
 class ResumableFollowSolver final : public LiftedMpcSolveSession, public ResumableSolveSession {
  public:
   explicit ResumableFollowSolver(std::shared_ptr<std::vector<SolveResumePoint>> resumes =
                                      std::make_shared<std::vector<SolveResumePoint>>(),
-                                 std::function<void()> on_solve = {})
-      : resumes_(std::move(resumes)), on_solve_(std::move(on_solve)) {}
+                                 std::function<void()> on_solve = {}, double compute_time_s = 0.0)
+      : resumes_(std::move(resumes)),
+        on_solve_(std::move(on_solve)),
+        compute_time_s_(compute_time_s) {}
   void Prepare() override {}
   WindowPayload Solve(const WindowSlice& request) override {
     if (on_solve_) on_solve_();
-    return FollowReference(request);
+    WindowPayload answer = FollowReference(request);
+    answer.compute_time_s = compute_time_s_;
+    return answer;
   }
   void Finalize() override {}
   bool CanResume() const override { return true; }
@@ -64,6 +69,7 @@ class ResumableFollowSolver final : public LiftedMpcSolveSession, public Resumab
  private:
   std::shared_ptr<std::vector<SolveResumePoint>> resumes_;
   std::function<void()> on_solve_;
+  double compute_time_s_;  // [s]
 };
 
 }  // namespace corvane::control::window::testing
