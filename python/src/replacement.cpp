@@ -121,8 +121,9 @@ void BindWindowReplacement(const py::object& buffer) {
             "ReferenceReplacement. Raises ValueError when hold_samples is 0, otherwise as "
             "ReplaceReference.");
   AddMethod(buffer, "Replacements", &Buffer::Replacements,
-            "The ReplacementTotals so far; a snapshot. Qualify() judges every produced window, "
-            "discarded ones included, with the duration it was produced for.");
+            "The ReplacementTotals so far; a snapshot. Qualify() judges each discarded window "
+            "against the limit with the duration it was produced for, and counts its compute time "
+            "as spent but its duration as never played.");
 }
 
 }  // namespace
