@@ -12,6 +12,8 @@
 
 namespace corvane::control::engines {
 
+class ReferenceHistory;
+
 // A solver session that shapes each request's reference with an input shaper before handing it
 // to the solver it wraps. The shaping is causal and keeps the reference history it needs across
 // requests, so a shaper longer than a window is no trouble: the first "apply_samples" rows of
@@ -42,25 +44,15 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   // Finalizes the wrapped solver.
   void Finalize() override;
 
- private:
-  // Throws unless the request continues the history (see Solve).
-  void CheckContinues(const control::window::WindowSlice& request) const;
-  // The request's positions shaped, reading the history before them.
-  control::window::SampleMatrix ShapedPositions(const control::window::WindowSlice& request) const;
-  // Makes the request's applied rows history, keeping what the next request may read.
-  void Remember(const control::window::WindowSlice& request, Eigen::Index apply);
-  // Reference rows that the shaper reads before a row.
-  std::size_t history_rows() const { return static_cast<std::size_t>(history_rows_); }
+  ShapingSolveSession(ShapingSolveSession&&) noexcept;
+  ShapingSolveSession& operator=(ShapingSolveSession&&) noexcept;
+  ~ShapingSolveSession() override;
 
+ private:
   std::unique_ptr<control::window::LiftedMpcSolveSession> solver_;
   ImpulseSequence shaper_;
   double sample_time_s_;
-  Eigen::Index history_rows_ = 0;
-  bool started_ = false;                   // a request has been solved since Prepare()
-  control::window::SampleMatrix history_;  // reference rows [history_start_, history_stop_)
-  std::size_t history_start_ = 0;          // reference index of history_'s first row
-  std::size_t history_stop_ = 0;           // one past the last applied row
-  std::size_t previous_start_ = 0;         // start of the last solved request
+  std::unique_ptr<ReferenceHistory> history_;
 };
 
 }  // namespace corvane::control::engines

@@ -1,0 +1,86 @@
+// Shaping that follows the machine's pose: the shaper is designed anew for the modes at the pose
+// the reference passes through, and its impulses are re-timed as the motion goes.
+//
+// Row k of the shaped reference is the sum over i of A_i(k) times the reference at
+// k - t_i(k) / sample_time_s samples (interpolated linearly), where A(k), t(k) is the design for
+// the modes at the pose that the last impulse reads: the reference at k less the duration of the
+// design for the modes at row k. For a mode that stays put this is the fixed shaper. For a mode
+// that moves, the design is exact only in the limit of a mode that changes slowly compared with
+// its own period; a ZV shaper re-timed this way leaves, to first order, about (pi / 8) times the
+// fractional change of the mode over one of its periods.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include <Eigen/Core>
+#include <native/export.hpp>
+#include <window/producers.hpp>
+#include <window/records.hpp>
+
+#include "corvane_shaper_engines/impulse_sequence.hpp"
+#include "corvane_shaper_engines/shaper_designs.hpp"
+
+namespace corvane::control::engines {
+
+// The machine's vibration modes at a pose: a row of joint positions [rad] in, at least one mode
+// out (the same number at every pose). Called from the thread that shapes.
+using ModeSchedule = std::function<std::vector<VibrationMode>(const Eigen::RowVectorXd& pose)>;
+
+// How the shaper follows the pose: the design of `kind` for each mode the schedule gives,
+// convolved (see MultiModeShaper()).
+struct ShaperSchedule {
+  ModeSchedule modes;                                       // never empty
+  ShaperKind kind = ShaperKind::kZv;                        // the design for every mode
+  double vibration_tolerance = kDefaultVibrationTolerance;  // [-] of the EI family, in (0, 1)
+  double longest_shaper_s = 0.0;  // [s] bound on any scheduled shaper's duration: the history kept
+};
+
+// The shaper that the schedule gives a reference resting on `pose`. Throws std::invalid_argument
+// naming the fault for a bad schedule (see ShapeSamples() below) and as MultiModeShaper() does.
+CORVANE_EXPORT ImpulseSequence ScheduledShaper(const ShaperSchedule& schedule,
+                                               const Eigen::RowVectorXd& pose);
+
+// Offline scheduled shaping of a whole reference, with the reference resting on its first row
+// before it starts (the session below gives the same rows). Throws std::invalid_argument for an
+// empty or non-finite reference, a period that is not finite and positive, a schedule with no
+// mode function, a tolerance outside (0, 1) or a longest_shaper_s that is not finite and positive,
+// and for a schedule that gives no mode or a bad one; std::domain_error when a scheduled shaper
+// lasts longer than longest_shaper_s.
+CORVANE_EXPORT control::window::SampleMatrix ShapeSamples(
+    const control::window::SampleMatrix& reference, double sample_time_s,
+    const ShaperSchedule& schedule);
+
+// A solver session like ShapingSolveSession, whose shaper follows the pose by `schedule`. It keeps
+// the reference rows that the longest scheduled shaper reads, and takes requests as
+// ShapingSolveSession does. To let the shaped motion come to rest, append
+// longest_shaper_s / sample_time_s copies of the last sample (rounded up) before finishing.
+class CORVANE_EXPORT ScheduledShapingSession final
+    : public control::window::LiftedMpcSolveSession {
+ public:
+  // solver: the session that receives the shaped requests, never null. sample_time_s: [s] the
+  // period of the request rows. Throws std::invalid_argument naming the argument at fault.
+  ScheduledShapingSession(std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
+                          ShaperSchedule schedule, double sample_time_s);
+  ScheduledShapingSession(ScheduledShapingSession&&) noexcept;
+  ScheduledShapingSession& operator=(ScheduledShapingSession&&) noexcept;
+  ScheduledShapingSession(const ScheduledShapingSession&) = delete;
+  ScheduledShapingSession& operator=(const ScheduledShapingSession&) = delete;
+  ~ScheduledShapingSession() override;
+
+  // Forgets the history and prepares the wrapped solver.
+  void Prepare() override;
+  // Shapes the request's positions by the schedule and solves them with the wrapped solver.
+  // Throws as ShapingSolveSession::Solve() does, and as ShapeSamples() above for what the
+  // schedule gives; a failed solve keeps no history.
+  control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
+  // Finalizes the wrapped solver.
+  void Finalize() override;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace corvane::control::engines
