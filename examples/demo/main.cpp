@@ -6,6 +6,7 @@
 #include "demo/modes.hpp"
 #include "demo/options.hpp"
 #include "demo/plant_mode.hpp"
+#include "demo/poses_mode.hpp"
 #include "demo/report.hpp"
 
 namespace demo = corvane::demo;
@@ -25,6 +26,10 @@ int main(int argc, char** argv) {
   try {
     if (options.mode == demo::Mode::kPlant) {
       demo::RunPlantDemo(options);
+      return 0;
+    }
+    if (options.mode == demo::Mode::kPoses) {
+      demo::RunPosesDemo(options);
       return 0;
     }
     demo::PrintHeader(options);

@@ -34,14 +34,6 @@ Eigen::RowVectorXd Pose(Eigen::Index index) {
   return pose;
 }
 
-// Share of a move done at time share s of it, for a trapezoidal velocity: constant acceleration
-// over the first third, constant speed, constant deceleration over the last third.
-double Trapezoid(double s) {
-  if (s < 1.0 / 3.0) return 2.25 * s * s;
-  if (s < 2.0 / 3.0) return 0.25 + 1.5 * (s - 1.0 / 3.0);
-  return 1.0 - 2.25 * (1.0 - s) * (1.0 - s);
-}
-
 PlannedBlock MoveBlock(Eigen::Index index) {
   const Eigen::Index lead_in = Samples(kLeadInS);
   const Eigen::Index move = Samples(kMoveS);
@@ -78,6 +70,12 @@ std::vector<MoveReport> JudgeMoves(const LockstepRun& run, const cs::VibrationMo
 }
 
 }  // namespace
+
+double Trapezoid(double s) {
+  if (s < 1.0 / 3.0) return 2.25 * s * s;
+  if (s < 2.0 / 3.0) return 0.25 + 1.5 * (s - 1.0 / 3.0);
+  return 1.0 - 2.25 * (1.0 - s) * (1.0 - s);
+}
 
 PlantExperiment::PlantExperiment(Eigen::Index moves) : arm_(kSampleTimeS) {
   for (Eigen::Index index = 0; index < moves; ++index) plan_.push_back(MoveBlock(index));

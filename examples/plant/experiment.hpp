@@ -58,6 +58,10 @@ inline constexpr double kResidualS = 0.3;  // [s]
 // Compute seconds per second of window that the qualification allows.
 inline constexpr double kComputeFractionLimit = 0.5;
 
+// Share of a move done at time share s of it, for a trapezoidal velocity: constant acceleration
+// over the first third, constant speed, constant deceleration over the last third.
+double Trapezoid(double s);
+
 class PlantExperiment {
  public:
   // Builds the arm, measures its payload mode, plans `moves` point-to-point moves between poses

@@ -9,12 +9,14 @@
 // results are therefore the same on every run, however the threads are scheduled.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include <Eigen/Core>
 #include <corvane_shaper_engines/impulse_sequence.hpp>
 #include <window/async_buffer.hpp>
+#include <window/producers.hpp>
 #include <window/records.hpp>
 
 #include "plant/flexible_arm.hpp"
@@ -56,6 +58,12 @@ struct LockstepRun {
 // passes on the buffer's failures.
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
                         const std::optional<control::engines::ImpulseSequence>& shaper,
+                        StreamShape shape, double compute_fraction_limit);
+
+// The same with the solver session given: a lifted-MPC solver behind any shaping stage, say a
+// scheduled one. Throws std::invalid_argument for a null solver, and as above.
+LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
+                        std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
                         StreamShape shape, double compute_fraction_limit);
 
 }  // namespace corvane::plant
