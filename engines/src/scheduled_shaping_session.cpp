@@ -1,6 +1,7 @@
 #include "corvane_shaper_engines/scheduled_shaping_session.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <optional>
 #include <stdexcept>
@@ -32,12 +33,11 @@ void CheckSchedule(const ShaperSchedule& schedule, double sample_time_s) {
 
 // The scheduled shaper as a filter on a sampled reference, with the designs of the last two
 // poses kept: at rest, and between nearby rows of a slow motion, the design is not redone.
-bool SameModes(const std::vector<VibrationMode>& a, const std::vector<VibrationMode>& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
-    return x.natural_frequency_hz == y.natural_frequency_hz && x.damping_ratio == y.damping_ratio;
-  });
-}
-
+// The scheduled shaper as a filter on a sampled reference: one stage per mode, each re-timed by
+// its own mode, applied one after another. A stage's impulses are designed for its mode at the
+// pose that its last impulse reads, in the stage's input. For modes that stay put the cascade is
+// the convolution of the stages; for modes that move, each stage replays the same input for its
+// own mode, which a convolution re-timed as a whole would not.
 class ScheduledTaps {
  public:
   ScheduledTaps(ShaperSchedule schedule, double sample_time_s)
@@ -45,43 +45,43 @@ class ScheduledTaps {
     CheckSchedule(schedule_, sample_time_s_);
   }
 
-  // The shaper for a reference resting on `pose`.
-  const ImpulseSequence& ShaperAt(const Eigen::RowVectorXd& pose) {
-    std::vector<VibrationMode> modes = schedule_.modes(pose);
-    for (Design& design : designs_) {
-      if (SameModes(design.modes, modes)) return design.shaper;
+  // The shaper for a reference resting on `pose`: the stages' designs there, convolved.
+  ImpulseSequence ShaperAt(const Eigen::RowVectorXd& pose) {
+    ImpulseSequence shaper{{1.0}, {0.0}};
+    for (std::size_t stage = 0; stage < StageCount(pose); ++stage) {
+      shaper = ConvolveShapers(shaper, StageShaper(stage, pose));
     }
-    if (modes.empty()) throw std::invalid_argument("The mode schedule must give at least one mode.");
-    try {
-      for (const VibrationMode& mode : modes) ValidateVibrationMode(mode);
-    } catch (const std::invalid_argument& error) {
-      throw std::invalid_argument(std::string("The mode schedule gave a bad mode: ") + error.what());
-    }
-    std::vector<std::optional<ShaperKind>> kinds(modes.size(), schedule_.kind);
-    Design design{modes, MultiModeShaper(kinds, modes, schedule_.vibration_tolerance)};
-    if (design.shaper.times_s.back() > schedule_.longest_shaper_s * (1.0 + 1e-12)) {
-      throw std::domain_error("A scheduled shaper lasts " +
-                              std::to_string(design.shaper.times_s.back()) +
-                              " s, longer than longest_shaper_s.");
-    }
-    std::swap(designs_[0], designs_[1]);
-    designs_[0] = std::move(design);
-    return designs_[0].shaper;
+    return shaper;
   }
 
-  // Rows first, first + 1, ... of the source shaped, its rows before 0 read as row 0.
+  // Rows first, first + 1, ... of the source shaped, its rows before 0 read as row 0. Every stage
+  // is worked out from history_rows() before `first`, which is as far back as the later stages
+  // read together.
   cw::SampleMatrix Shape(const cw::SampleMatrix& source, Eigen::Index first, Eigen::Index rows) {
-    cw::SampleMatrix shaped = cw::SampleMatrix::Zero(rows, source.cols());
-    for (Eigen::Index row = 0; row < rows; ++row) {
-      const auto k = static_cast<double>(first + row);
-      // The design read where the last impulse reads: first guessed from the pose at row k.
-      const double guess = ShaperAt(At(source, k)).times_s.back() / sample_time_s_;
-      const ImpulseSequence& shaper = ShaperAt(At(source, k - guess));
-      for (std::size_t i = 0; i < shaper.times_s.size(); ++i) {
-        shaped.row(row) += shaper.amplitudes[i] * At(source, k - shaper.times_s[i] / sample_time_s_);
+    const Eigen::Index from = std::max<Eigen::Index>(0, first - history_rows());
+    const Eigen::Index end = first + rows;
+    cw::SampleMatrix input = source.topRows(end);
+    std::vector<double> durations(static_cast<std::size_t>(end - from), 0.0);
+    for (std::size_t stage = 0; stage < StageCount(At(input, static_cast<double>(first)));
+         ++stage) {
+      cw::SampleMatrix output = input;
+      for (Eigen::Index k = from; k < end; ++k) {
+        const ImpulseSequence& shaper = StageAt(stage, input, static_cast<double>(k));
+        output.row(k).setZero();
+        for (std::size_t i = 0; i < shaper.times_s.size(); ++i) {
+          output.row(k) += shaper.amplitudes[i] *
+                           At(input, static_cast<double>(k) - shaper.times_s[i] / sample_time_s_);
+        }
+        double& duration = durations[static_cast<std::size_t>(k - from)];
+        duration += shaper.times_s.back();
+        if (duration > schedule_.longest_shaper_s * (1.0 + 1e-12)) {
+          throw std::domain_error("A scheduled shaper lasts " + std::to_string(duration) +
+                                  " s, longer than longest_shaper_s.");
+        }
       }
+      input = std::move(output);
     }
-    return shaped;
+    return input.bottomRows(rows);
   }
 
   // Reference rows that the longest scheduled shaper reads before a row.
@@ -91,9 +91,57 @@ class ScheduledTaps {
 
  private:
   struct Design {
-    std::vector<VibrationMode> modes;
+    VibrationMode mode;
     ImpulseSequence shaper;
   };
+
+  // The modes the schedule gives at `pose`, checked.
+  std::vector<VibrationMode> ModesAt(const Eigen::RowVectorXd& pose) const {
+    const std::vector<VibrationMode> modes = schedule_.modes(pose);
+    if (modes.empty()) throw std::invalid_argument("The mode schedule must give at least one mode.");
+    try {
+      for (const VibrationMode& mode : modes) ValidateVibrationMode(mode);
+    } catch (const std::invalid_argument& error) {
+      throw std::invalid_argument(std::string("The mode schedule gave a bad mode: ") + error.what());
+    }
+    return modes;
+  }
+
+  std::size_t StageCount(const Eigen::RowVectorXd& pose) {
+    const std::size_t count = ModesAt(pose).size();
+    if (designs_.empty()) designs_.resize(count);
+    if (count != designs_.size()) {
+      throw std::invalid_argument("The mode schedule must give as many modes at every pose.");
+    }
+    return count;
+  }
+
+  // The stage's design for row k of its input: read where its last impulse reads, found from a
+  // first guess at row k.
+  const ImpulseSequence& StageAt(std::size_t stage, const cw::SampleMatrix& input, double k) {
+    const double guess = StageShaper(stage, At(input, k)).times_s.back() / sample_time_s_;
+    return StageShaper(stage, At(input, k - guess));
+  }
+
+  // The stage's design for its mode at `pose`; the last two designs of each stage are kept, so
+  // that at rest, and between the rows of a slow motion, none is redone.
+  const ImpulseSequence& StageShaper(std::size_t stage, const Eigen::RowVectorXd& pose) {
+    const std::vector<VibrationMode> modes = ModesAt(pose);
+    if (modes.size() != designs_.size()) {
+      throw std::invalid_argument("The mode schedule must give as many modes at every pose.");
+    }
+    const VibrationMode& mode = modes[stage];
+    auto& kept = designs_[stage];
+    for (const std::optional<Design>& design : kept) {
+      if (design && design->mode.natural_frequency_hz == mode.natural_frequency_hz &&
+          design->mode.damping_ratio == mode.damping_ratio) {
+        return design->shaper;
+      }
+    }
+    std::swap(kept[0], kept[1]);
+    kept[0] = Design{mode, DesignShaper(schedule_.kind, mode, schedule_.vibration_tolerance)};
+    return kept[0]->shaper;
+  }
 
   // The source at a fractional row, linear between rows, resting on its ends; a position within
   // rounding of a whole row reads that row.
@@ -112,7 +160,7 @@ class ScheduledTaps {
 
   ShaperSchedule schedule_;
   double sample_time_s_;
-  Design designs_[2];
+  std::vector<std::array<std::optional<Design>, 2>> designs_;  // per stage, the last two
 };
 
 }  // namespace
