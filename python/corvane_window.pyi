@@ -1,10 +1,13 @@
 # Type stubs of the corvane_window module: the names editors complete and type checkers check.
+# They lie beside the module as corvane_window/__init__.pyi, with the submodule's engines.pyi.
 import datetime
 import enum
 from typing import Optional, Sequence, overload
 
 import numpy as np
 import numpy.typing as npt
+
+from . import engines as engines
 
 __version__: str
 

@@ -131,13 +131,16 @@ std::unordered_set<PyObject*>& TakenObjects() {
   return taken;
 }
 
-// Raises RuntimeError when the library holds `object`: only its owner may call it.
+}  // namespace
+
 void CheckNotTaken(py::handle object) {
   if (TakenObjects().count(object.ptr()) != 0) {
     throw std::runtime_error("This " + TypeName(object) +
                              " belongs to a buffer or producer; only its owner may use it.");
   }
 }
+
+namespace {
 
 // Keeps a Python object, and with it the C++ object inside, alive, and marks it as taken for
 // as long; lets go of it with the GIL held, from whichever thread deletes the owner.
@@ -238,9 +241,9 @@ class LiftedMpcProducer final : public cw::AppendableLiftedMpcWindowProducer {
                     std::shared_ptr<cw::AppendableReferenceBuffer> reference_buffer,
                     std::size_t apply_samples, std::size_t lookahead_samples, double sample_time_s,
                     std::size_t global_start_index)
-      : AppendableLiftedMpcWindowProducer(
-            Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(solve_session, "solve_session"),
-            reference_buffer, apply_samples, lookahead_samples, sample_time_s, global_start_index),
+      : AppendableLiftedMpcWindowProducer(AdoptSolveSession(solve_session, "solve_session"),
+                                          reference_buffer, apply_samples, lookahead_samples,
+                                          sample_time_s, global_start_index),
         solve_session_(solve_session),
         reference_buffer_(std::move(reference_buffer)) {}
 
@@ -264,16 +267,6 @@ std::string InterfaceDoc(const char* summary) {
          "with the GIL held. An exception they raise reaches the consumer's Pop as itself.";
 }
 
-// A session method as Python calls it: with the GIL released, unless a buffer owns the session.
-template <class Method>
-auto SessionMethod(Method method) {
-  return [method](py::handle self) {
-    CheckNotTaken(self);
-    auto& session = self.cast<cw::WindowProducerSession&>();
-    return WithoutGil([&] { return (session.*method)(); });
-  };
-}
-
 void BindProducerSession(py::module_& module) {
   using Session = cw::WindowProducerSession;
   py::class_<Session, PythonProducer>(
@@ -286,13 +279,13 @@ void BindProducerSession(py::module_& module) {
                    "session, only the buffer calls it.")
           .c_str())
       .def(py::init<>(), kSubclassInit)
-      .def("PrepareSession", SessionMethod(&Session::PrepareSession),
+      .def("PrepareSession", OwnedMethod(&Session::PrepareSession),
            "Starts the session; called once, before any other operation.")
-      .def("ProduceNext", SessionMethod(&Session::ProduceNext),
+      .def("ProduceNext", OwnedMethod(&Session::ProduceNext),
            "The next mainline window, or None when none is ready at this moment.")
-      .def("IsExhausted", SessionMethod(&Session::IsExhausted),
+      .def("IsExhausted", OwnedMethod(&Session::IsExhausted),
            "True once no further mainline window will come.")
-      .def("Finalize", SessionMethod(&Session::Finalize),
+      .def("Finalize", OwnedMethod(&Session::Finalize),
            "After exhaustion: the next final (tail) window, or None, which ends the session.");
   py::class_<cw::FiniteWindowProducer, Session>(
       module, "FiniteWindowProducer",
@@ -358,6 +351,11 @@ AdoptedProducer AdoptProducer(const py::object& producer) {
     adopted.first_sample_source = lifted->reference_buffer();
   }
   return adopted;
+}
+
+std::unique_ptr<cw::LiftedMpcSolveSession> AdoptSolveSession(const py::object& session,
+                                                             const char* parameter) {
+  return Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(session, parameter);
 }
 
 bool IsWorkerThread() { return on_worker_thread; }
