@@ -147,7 +147,8 @@ ImpulseSequence MultiModeShaper(const std::vector<std::optional<ShaperKind>>& ki
   for (std::size_t mode = 0; mode < modes.size(); ++mode) {
     ValidateVibrationMode(modes[mode]);
     if (kinds[mode]) {
-      shaper = ConvolveShapers(shaper, DesignShaper(*kinds[mode], modes[mode], vibration_tolerance));
+      shaper =
+          ConvolveShapers(shaper, DesignShaper(*kinds[mode], modes[mode], vibration_tolerance));
     }
   }
   return shaper;

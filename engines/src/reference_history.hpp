@@ -34,11 +34,11 @@ class ReferenceHistory {
   std::size_t FirstRead(std::size_t start) const;
 
   Eigen::Index rows_read_;
-  bool started_ = false;                   // a request has been solved since Reset()
-  control::window::SampleMatrix rows_;     // reference rows [first_, stop_)
-  std::size_t first_ = 0;                  // reference index of rows_'s first row
-  std::size_t stop_ = 0;                   // one past the last applied row
-  std::size_t previous_start_ = 0;         // start of the last solved request
+  bool started_ = false;                // a request has been solved since Reset()
+  control::window::SampleMatrix rows_;  // reference rows [first_, stop_)
+  std::size_t first_ = 0;               // reference index of rows_'s first row
+  std::size_t stop_ = 0;                // one past the last applied row
+  std::size_t previous_start_ = 0;      // start of the last solved request
 };
 
 }  // namespace corvane::control::engines

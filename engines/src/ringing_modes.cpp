@@ -36,8 +36,9 @@ void CheckRecording(const Eigen::VectorXd& samples, double sample_rate_hz) {
     throw std::invalid_argument("sample_rate_hz must be finite and positive.");
   }
   if (samples.size() < kMinimumSamples) {
-    throw std::invalid_argument("The ringing recording is too short: it holds fewer than 16 "
-                                "samples.");
+    throw std::invalid_argument(
+        "The ringing recording is too short: it holds fewer than 16 "
+        "samples.");
   }
   if (!samples.allFinite()) {
     throw std::invalid_argument("The ringing recording holds values that are not finite.");
@@ -100,9 +101,8 @@ std::optional<SineSum> PencilPoles(const Eigen::VectorXd& x, double sample_rate_
   Eigen::MatrixXd hankel(x.size() - columns, columns + 1);
   for (Eigen::Index j = 0; j <= columns; ++j) hankel.col(j) = x.segment(j, hankel.rows());
   const Eigen::Index order = 2 * modes + 1;
-  const Eigen::MatrixXd v = Eigen::BDCSVD<Eigen::MatrixXd>(hankel, Eigen::ComputeThinV)
-                                .matrixV()
-                                .leftCols(order);
+  const Eigen::MatrixXd v =
+      Eigen::BDCSVD<Eigen::MatrixXd>(hankel, Eigen::ComputeThinV).matrixV().leftCols(order);
   const Eigen::MatrixXd shift =
       v.topRows(columns).completeOrthogonalDecomposition().solve(v.bottomRows(columns));
   std::vector<std::complex<double>> poles;
@@ -155,8 +155,8 @@ std::optional<Fit> FitModes(const Eigen::VectorXd& t, const Eigen::VectorXd& x,
   const Eigen::VectorXd misfit = Misfit(*sum, t, x);
   if (!misfit.allFinite()) return std::nullopt;
   const Eigen::MatrixXd jacobian = Jacobian(*sum, t);
-  const double variance =
-      misfit.squaredNorm() / static_cast<double>(std::max<Eigen::Index>(1, t.size() - sum->p.size()));
+  const double variance = misfit.squaredNorm() /
+                          static_cast<double>(std::max<Eigen::Index>(1, t.size() - sum->p.size()));
   const Eigen::MatrixXd covariance =
       variance * (jacobian.transpose() * jacobian)
                      .completeOrthogonalDecomposition()
@@ -240,17 +240,17 @@ RingingModes EstimateRingingModes(const Eigen::VectorXd& samples, double sample_
       two ? (square(one_misfit) - square(two->modes.noise_rms)) / 4.0 /
                 (square(two->modes.noise_rms) / static_cast<double>(samples.size() - 9))
           : 0.0;
-  const bool second = (f_statistic > kSecondModeF || (one && LeavesOscillation(*one, t, samples))) &&
-                      one_misfit > 1e-6 * spread_rms;
+  const bool second =
+      (f_statistic > kSecondModeF || (one && LeavesOscillation(*one, t, samples))) &&
+      one_misfit > 1e-6 * spread_rms;
   if (second) {
     const double excursion = (samples.array() - samples.mean()).abs().maxCoeff();
     if (two && Resolved(*two, sample_rate_hz, excursion)) return two->modes;
-    throw std::domain_error("The ringing recording holds a second mode that cannot be told apart "
-                            "from the one near " +
-                            Hz(one_misfit < spread_rms && one
-                                   ? one->modes.modes[0].mode.natural_frequency_hz
-                                   : 0.0) +
-                            ": record a longer or less noisy ringing.");
+    throw std::domain_error(
+        "The ringing recording holds a second mode that cannot be told apart "
+        "from the one near " +
+        Hz(one_misfit < spread_rms && one ? one->modes.modes[0].mode.natural_frequency_hz : 0.0) +
+        ": record a longer or less noisy ringing.");
   }
   if (!one_fits) {
     throw std::invalid_argument(

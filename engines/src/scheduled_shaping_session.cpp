@@ -98,11 +98,13 @@ class ScheduledTaps {
   // The modes the schedule gives at `pose`, checked.
   std::vector<VibrationMode> ModesAt(const Eigen::RowVectorXd& pose) const {
     const std::vector<VibrationMode> modes = schedule_.modes(pose);
-    if (modes.empty()) throw std::invalid_argument("The mode schedule must give at least one mode.");
+    if (modes.empty())
+      throw std::invalid_argument("The mode schedule must give at least one mode.");
     try {
       for (const VibrationMode& mode : modes) ValidateVibrationMode(mode);
     } catch (const std::invalid_argument& error) {
-      throw std::invalid_argument(std::string("The mode schedule gave a bad mode: ") + error.what());
+      throw std::invalid_argument(std::string("The mode schedule gave a bad mode: ") +
+                                  error.what());
     }
     return modes;
   }

@@ -15,8 +15,8 @@ ShapingSolveSession::ShapingSolveSession(std::unique_ptr<cw::LiftedMpcSolveSessi
                                          ImpulseSequence shaper, double sample_time_s)
     : solver_(std::move(solver)), shaper_(std::move(shaper)), sample_time_s_(sample_time_s) {
   if (!solver_) throw std::invalid_argument("solver must not be null.");
-  history_ = std::make_unique<ReferenceHistory>(
-      ShapingTaps(shaper_, sample_time_s_).history_rows());
+  history_ =
+      std::make_unique<ReferenceHistory>(ShapingTaps(shaper_, sample_time_s_).history_rows());
 }
 
 ShapingSolveSession::ShapingSolveSession(ShapingSolveSession&&) noexcept = default;

@@ -33,7 +33,8 @@ double ShoulderHz(const cp::ModeMap& map, const Eigen::RowVectorXd& pose) {
 // [-] the shoulder mode at the move's end pose over the one at the tuning pose, minus 1.
 double OffTuning(const cp::PoseExperiment& experiment, const cp::PoseMove& move) {
   return ShoulderHz(experiment.map(), move.to) /
-             ShoulderHz(experiment.map(), cp::WorkspacePose(0.0, cp::PoseExperiment::kTuningElbowRad)) -
+             ShoulderHz(experiment.map(),
+                        cp::WorkspacePose(0.0, cp::PoseExperiment::kTuningElbowRad)) -
          1.0;
 }
 
@@ -59,30 +60,30 @@ void PrintMap(const cp::PoseExperiment& experiment) {
   std::printf(
       "\nFree ringings (payload deflection after a release of shoulder and payload), read by the\n"
       "two-mode estimate, against the linearised modes; +- one standard deviation\n");
-  std::printf("elbow [rad]  mode      ringing [Hz]          linearised [Hz]  difference  "
-              "damping ringing / linearised\n");
+  std::printf(
+      "elbow [rad]  mode      ringing [Hz]          linearised [Hz]  difference  "
+      "damping ringing / linearised\n");
   for (const cp::RingingCheck& check : experiment.ringings()) {
     for (std::size_t mode = 0; mode < check.measured.modes.size(); ++mode) {
       const cs::ModeEstimate& measured = check.measured.modes[mode];
       const cs::VibrationMode& linearised = check.linearised[mode];
-      std::printf("%10.2f  %-8s  %8.3f +- %7.4f  %15.3f  %+9.3f %%  %.4f / %.4f\n",
-                  check.elbow_rad, kModeNames[mode], measured.mode.natural_frequency_hz,
-                  measured.frequency_uncertainty_hz, linearised.natural_frequency_hz,
-                  100.0 * (measured.mode.natural_frequency_hz / linearised.natural_frequency_hz -
-                           1.0),
-                  measured.mode.damping_ratio, linearised.damping_ratio);
+      std::printf(
+          "%10.2f  %-8s  %8.3f +- %7.4f  %15.3f  %+9.3f %%  %.4f / %.4f\n", check.elbow_rad,
+          kModeNames[mode], measured.mode.natural_frequency_hz, measured.frequency_uncertainty_hz,
+          linearised.natural_frequency_hz,
+          100.0 * (measured.mode.natural_frequency_hz / linearised.natural_frequency_hz - 1.0),
+          measured.mode.damping_ratio, linearised.damping_ratio);
     }
   }
 }
 
 void PrintShapers(const cp::PoseExperiment& experiment) {
   const auto& bands = experiment.bands();
-  std::printf("\nBands over the workspace: shoulder mode %.3f Hz +-%.1f %%, payload mode %.3f Hz "
-              "+-%.1f %%\n",
-              bands[kShoulder].mode.natural_frequency_hz,
-              100.0 * bands[kShoulder].frequency_uncertainty,
-              bands[kPayload].mode.natural_frequency_hz,
-              100.0 * bands[kPayload].frequency_uncertainty);
+  std::printf(
+      "\nBands over the workspace: shoulder mode %.3f Hz +-%.1f %%, payload mode %.3f Hz "
+      "+-%.1f %%\n",
+      bands[kShoulder].mode.natural_frequency_hz, 100.0 * bands[kShoulder].frequency_uncertainty,
+      bands[kPayload].mode.natural_frequency_hz, 100.0 * bands[kPayload].frequency_uncertainty);
   std::printf("Shapers:\n");
   std::printf("  payload only  %s for the payload band alone, %.1f ms\n",
               cs::ShaperName(experiment.payload_only().kind),
@@ -98,9 +99,10 @@ void PrintShapers(const cp::PoseExperiment& experiment) {
 
 void PrintModeTable(const cp::PoseExperiment& experiment, const MoveResults& results,
                     std::size_t mode) {
-  std::printf("\n%s mode: residual vibration per move, shaped over unshaped in the same span "
-              "(simulated / closed form)\n",
-              kModeNames[mode]);
+  std::printf(
+      "\n%s mode: residual vibration per move, shaped over unshaped in the same span "
+      "(simulated / closed form)\n",
+      kModeNames[mode]);
   std::printf("move  elbow [rad]  mode [Hz]  off tuning  unshaped [mrad]");
   for (const cp::PoseShaping shaping : cp::kPoseShapings) {
     if (shaping != cp::PoseShaping::kUnshaped) std::printf("  %15s", cp::PoseShapingName(shaping));
@@ -140,7 +142,8 @@ void PrintApproximation(const cp::PoseExperiment& experiment, const MoveResults&
       "\nThe scheduled shaper on moves that sweep the elbow, the mode moving as the arm moves.\n"
       "A ZV shaper re-timed along a mode that changes by a share d of itself per period leaves,\n"
       "to first order, about (pi/8) d of the unshaped vibration.\n");
-  std::printf("move  duration [s]  mode change per period  scheduled ratio  (pi/8) d   fixed ratio\n");
+  std::printf(
+      "move  duration [s]  mode change per period  scheduled ratio  (pi/8) d   fixed ratio\n");
   for (std::size_t move = 0; move < results.size(); ++move) {
     const cp::PoseMove& planned = experiment.moves()[move];
     if (planned.mode_change_per_period == 0.0) continue;
@@ -169,12 +172,12 @@ void PrintTargets(const cp::PoseExperiment& experiment, const MoveResults& resul
     const auto& run = results[move];
     const cp::PoseMoveResult& scheduled = run[Index(cp::PoseShaping::kScheduled)];
     if (std::abs(OffTuning(experiment, experiment.moves()[move])) >= kOffTuning) {
-      scheduled_over_fixed =
-          std::max(scheduled_over_fixed, scheduled.residual_rad[kShoulder] /
-                                             run[Index(cp::PoseShaping::kFixed)].residual_rad[kShoulder]);
+      scheduled_over_fixed = std::max(
+          scheduled_over_fixed, scheduled.residual_rad[kShoulder] /
+                                    run[Index(cp::PoseShaping::kFixed)].residual_rad[kShoulder]);
     }
-    duration_share = std::max(duration_share,
-                              scheduled.duration_s / run[Index(cp::PoseShaping::kRobust)].duration_s);
+    duration_share = std::max(
+        duration_share, scheduled.duration_s / run[Index(cp::PoseShaping::kRobust)].duration_s);
     two_modes = std::max(two_modes, Larger(run[Index(cp::PoseShaping::kRobust)]) /
                                         Larger(run[Index(cp::PoseShaping::kPayloadOnly)]));
     double& gap = experiment.moves()[move].mode_change_per_period == 0.0 ? gap_still : gap_sweep;
@@ -185,24 +188,28 @@ void PrintTargets(const cp::PoseExperiment& experiment, const MoveResults& resul
     }
   }
   std::printf("\nTargets (measured in the simulation)\n");
-  std::printf("  shoulder mode's range over the workspace          +-%.1f %% around %.3f Hz "
-              "(target: at least +-15 %%)\n",
-              100.0 * (high - low) / (high + low), 0.5 * (high + low));
-  std::printf("  scheduled / fixed residual, moves >= 10 %% off      %.3f worst "
-              "(target: at most 1/3)\n",
-              scheduled_over_fixed);
+  std::printf(
+      "  shoulder mode's range over the workspace          +-%.1f %% around %.3f Hz "
+      "(target: at least +-15 %%)\n",
+      100.0 * (high - low) / (high + low), 0.5 * (high + low));
+  std::printf(
+      "  scheduled / fixed residual, moves >= 10 %% off      %.3f worst "
+      "(target: at most 1/3)\n",
+      scheduled_over_fixed);
   std::printf("  scheduled / robust added duration                 %.3f worst (target: below 1)\n",
               duration_share);
   std::printf("  simulation against closed form, moves at one pose %.4f worst (target: 0.02)\n",
               gap_still);
   std::printf("  the same, moves that sweep the elbow              %.4f worst (see the note)\n",
               gap_sweep);
-  std::printf("  larger of the two modes' ratios, robust two-mode\n"
-              "  shaper / payload-only shaper                      %.3f worst (target: at most "
-              "1/3)\n",
-              two_modes);
   std::printf(
-      "\nNote: the closed form assumes the mode of the move's end pose throughout the move. On the\n"
+      "  larger of the two modes' ratios, robust two-mode\n"
+      "  shaper / payload-only shaper                      %.3f worst (target: at most "
+      "1/3)\n",
+      two_modes);
+  std::printf(
+      "\nNote: the closed form assumes the mode of the move's end pose throughout the move. On "
+      "the\n"
       "moves that sweep the elbow the mode moves during the motion, so the fixed and robust\n"
       "shapers meet a mode the closed form does not see, and the scheduled one is exact only to\n"
       "the first order shown above; their gaps measure that, not a fault of the simulation.\n");
@@ -215,7 +222,8 @@ void WritePosesPlot(const std::string& path, const cp::PoseExperiment& experimen
   DrawPng(path, 1000, 1100, [&](std::FILE* gnuplot) {
     std::fprintf(gnuplot, "$map << EOD\n");
     for (const cp::MapPoint& point : experiment.map().points()) {
-      std::fprintf(gnuplot, "%g %g %g\n", point.elbow_rad, point.modes[kShoulder].natural_frequency_hz,
+      std::fprintf(gnuplot, "%g %g %g\n", point.elbow_rad,
+                   point.modes[kShoulder].natural_frequency_hz,
                    point.modes[kPayload].natural_frequency_hz);
     }
     std::fprintf(gnuplot, "EOD\n$ringing << EOD\n");
@@ -279,10 +287,10 @@ void RunPosesDemo(const DemoOptions& options) {
   PrintDurations(experiment, results);
   PrintApproximation(experiment, results);
   PrintTargets(experiment, results);
-  std::printf("\nCo-simulation: %zu runs, %.1f s of motion simulated in %.2f s, %.0f times real "
-              "time\n",
-              results.size() * std::size(cp::kPoseShapings), simulated_s, wall_s,
-              simulated_s / wall_s);
+  std::printf(
+      "\nCo-simulation: %zu runs, %.1f s of motion simulated in %.2f s, %.0f times real "
+      "time\n",
+      results.size() * std::size(cp::kPoseShapings), simulated_s, wall_s, simulated_s / wall_s);
   if (!options.plot_path.empty()) WritePosesPlot(options.plot_path, experiment, results);
 }
 

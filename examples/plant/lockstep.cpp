@@ -117,8 +117,8 @@ std::unique_ptr<cw::LiftedMpcSolveSession> Solver(const std::optional<cs::Impuls
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
                         const std::optional<cs::ImpulseSequence>& shaper, StreamShape shape,
                         double compute_fraction_limit) {
-  return RunLockstep(arm, plan, Solver(shaper, arm.sample_time_s(), shape.lookahead_samples),
-                     shape, compute_fraction_limit);
+  return RunLockstep(arm, plan, Solver(shaper, arm.sample_time_s(), shape.lookahead_samples), shape,
+                     compute_fraction_limit);
 }
 
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
@@ -128,12 +128,11 @@ LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
   const auto started = std::chrono::steady_clock::now();
   const double h = arm.sample_time_s();
   auto stored = std::make_shared<cw::AppendableReferenceBuffer>(kArmJoints);
-  cw::AppendableWindowBuffer buffer(std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
-                                        std::move(solver), stored,
-                                        static_cast<std::size_t>(shape.apply_samples),
-                                        static_cast<std::size_t>(shape.lookahead_samples), h, 0),
-                                    stored, kPrefillWindows,
-                                    static_cast<std::size_t>(shape.queue_windows));
+  cw::AppendableWindowBuffer buffer(
+      std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
+          std::move(solver), stored, static_cast<std::size_t>(shape.apply_samples),
+          static_cast<std::size_t>(shape.lookahead_samples), h, 0),
+      stored, kPrefillWindows, static_cast<std::size_t>(shape.queue_windows));
   LockstepRun run;
   BlockPlanner planner(buffer, *stored, plan, shape, run);
   Recorder recorder;

@@ -11,9 +11,9 @@ namespace cs = control::engines;
 namespace {
 
 constexpr double kLightDamping = 0.2;
-constexpr double kRingingS = 1.5;               // [s] free ringing recorded
-constexpr double kReleaseRad = 0.01;            // [rad] shoulder and payload turn released
-constexpr int kPayloadColumn = kArmJoints;      // FreeRinging()'s column of the deflection
+constexpr double kRingingS = 1.5;           // [s] free ringing recorded
+constexpr double kReleaseRad = 0.01;        // [rad] shoulder and payload turn released
+constexpr int kPayloadColumn = kArmJoints;  // FreeRinging()'s column of the deflection
 
 }  // namespace
 
@@ -45,9 +45,9 @@ ModeMap::ModeMap(FlexibleArm& arm, int points) {
 
 std::vector<cs::VibrationMode> ModeMap::At(const Eigen::RowVectorXd& pose) const {
   const double elbow = std::clamp(pose(1), points_.front().elbow_rad, points_.back().elbow_rad);
-  const auto above = std::upper_bound(
-      points_.begin() + 1, points_.end() - 1, elbow,
-      [](double value, const MapPoint& point) { return value < point.elbow_rad; });
+  const auto above =
+      std::upper_bound(points_.begin() + 1, points_.end() - 1, elbow,
+                       [](double value, const MapPoint& point) { return value < point.elbow_rad; });
   const MapPoint& high = *above;
   const MapPoint& low = *(above - 1);
   const double share = (elbow - low.elbow_rad) / (high.elbow_rad - low.elbow_rad);
@@ -68,8 +68,7 @@ RingingCheck CheckByRinging(FlexibleArm& arm, double elbow_rad) {
   const Eigen::MatrixXd motion = arm.FreeRinging(pose, release, kRingingS);
   RingingCheck check;
   check.elbow_rad = elbow_rad;
-  check.measured =
-      cs::EstimateRingingModes(motion.col(kPayloadColumn), 1.0 / arm.sample_time_s());
+  check.measured = cs::EstimateRingingModes(motion.col(kPayloadColumn), 1.0 / arm.sample_time_s());
   check.linearised = LightModes(arm, pose);
   return check;
 }

@@ -29,7 +29,7 @@ std::vector<control::engines::VibrationMode> LightModes(FlexibleArm& arm,
 
 // The arm's modes at one elbow angle.
 struct MapPoint {
-  double elbow_rad = 0.0;                            // [rad]
+  double elbow_rad = 0.0;                              // [rad]
   std::vector<control::engines::VibrationMode> modes;  // LightModes() there
 };
 

@@ -21,12 +21,12 @@ namespace {
 
 constexpr int kMapPoints = 13;
 constexpr double kRingingElbows[] = {kLowestElbowRad, 1.2, kHighestElbowRad};
-constexpr double kShoulderTurnRad = 0.25;    // each move turns the shoulder from -this to +this
-constexpr double kMoveS = 0.3;               // [s] a move at one elbow angle
+constexpr double kShoulderTurnRad = 0.25;      // each move turns the shoulder from -this to +this
+constexpr double kMoveS = 0.3;                 // [s] a move at one elbow angle
 constexpr double kSweepS[] = {0.3, 0.6, 1.2};  // [s] moves across the whole elbow range
-constexpr double kLeadInS = 0.15;            // [s] rest before a move, beyond the lookahead
-constexpr double kPoseResidualS = 0.4;           // [s] span in which the vibration is fitted
-constexpr double kMarginS = 0.05;            // [s] between the longest shaper's end and the span
+constexpr double kLeadInS = 0.15;              // [s] rest before a move, beyond the lookahead
+constexpr double kPoseResidualS = 0.4;         // [s] span in which the vibration is fitted
+constexpr double kMarginS = 0.05;              // [s] between the longest shaper's end and the span
 constexpr cs::ShaperKind kPoseKind = cs::ShaperKind::kZv;
 constexpr std::size_t kShoulderMode = 0;
 constexpr std::size_t kPayloadMode = 1;
@@ -106,7 +106,8 @@ PoseExperiment::PoseExperiment()
   moves_ = PlanMoves(map_);
   bands_ = {BandOf(map_, kShoulderMode), BandOf(map_, kPayloadMode)};
   const std::vector<cs::VibrationMode> tuned = map_.At(WorkspacePose(0.0, kTuningElbowRad));
-  payload_only_ = cs::ChooseShaper(bands_[kPayloadMode].mode, bands_[kPayloadMode].frequency_uncertainty);
+  payload_only_ =
+      cs::ChooseShaper(bands_[kPayloadMode].mode, bands_[kPayloadMode].frequency_uncertainty);
   fixed_ = cs::MultiModeShaper({kPoseKind, kPoseKind}, tuned);
   robust_ = cs::ChooseMultiModeShaper(bands_);
   const ModeMap& map = map_;
@@ -157,8 +158,8 @@ PoseMoveResult PoseExperiment::RunShaped(const PoseMove& move, PoseShaping shapi
       break;
     case PoseShaping::kScheduled:
       shaper = cs::ScheduledShaper(schedule_, move.to);
-      session = std::make_unique<cs::ScheduledShapingSession>(std::move(solver), schedule_,
-                                                              kSampleTimeS);
+      session =
+          std::make_unique<cs::ScheduledShapingSession>(std::move(solver), schedule_, kSampleTimeS);
       break;
   }
   if (!session) {

@@ -39,7 +39,7 @@ struct MultiModeChoice {
   std::vector<std::optional<ShaperKind>> kinds;  // the design per band; empty: none of its own
   ImpulseSequence shaper;                        // the convolution of the designs
   double duration_s = 0.0;                       // [s] the delay the shaper adds
-  std::vector<double> worst_vibration;  // [-] largest residual vibration over each band
+  std::vector<double> worst_vibration;           // [-] largest residual vibration over each band
 };
 
 // The shortest combination of designs of the family, one or none per band, whose convolution

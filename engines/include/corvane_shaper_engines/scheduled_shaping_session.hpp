@@ -56,8 +56,7 @@ CORVANE_EXPORT control::window::SampleMatrix ShapeSamples(
 // the reference rows that the longest scheduled shaper reads, and takes requests as
 // ShapingSolveSession does. To let the shaped motion come to rest, append
 // longest_shaper_s / sample_time_s copies of the last sample (rounded up) before finishing.
-class CORVANE_EXPORT ScheduledShapingSession final
-    : public control::window::LiftedMpcSolveSession {
+class CORVANE_EXPORT ScheduledShapingSession final : public control::window::LiftedMpcSolveSession {
  public:
   // solver: the session that receives the shaped requests, never null. sample_time_s: [s] the
   // period of the request rows. Throws std::invalid_argument naming the argument at fault.

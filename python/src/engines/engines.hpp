@@ -25,6 +25,10 @@ void BindTuning(py::module_& engines);
 void BindShaping(py::module_& engines);
 // LiftedMpcWeights and LiftedMpcSolver.
 void BindLiftedMpc(py::module_& engines);
+// Several modes and modes that move with the pose: ModeBand, MultiModeChoice, ModeEstimate,
+// RingingModes, ShaperSchedule, the multi-mode shapers, EstimateRingingModes, ScheduledShaper,
+// ShapeSamples with a schedule and ScheduledShapingSession.
+void BindModes(py::module_& engines);
 
 // `function` as Python calls it: with the GIL released while it computes, its arguments
 // converted before and its result after.
