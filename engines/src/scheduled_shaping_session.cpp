@@ -36,8 +36,9 @@ void CheckSchedule(const ShaperSchedule& schedule, double sample_time_s) {
 // The scheduled shaper as a filter on a sampled reference: one stage per mode, each re-timed by
 // its own mode, applied one after another. A stage's impulses are designed for its mode at the
 // pose that its last impulse reads, in the stage's input. For modes that stay put the cascade is
-// the convolution of the stages; for modes that move, each stage replays the same input for its
-// own mode, which a convolution re-timed as a whole would not.
+// the fixed shapers applied one after another (in continuous time, their convolution); for modes
+// that move, each stage replays the same input for its own mode, which a convolution re-timed as
+// a whole would not.
 class ScheduledTaps {
  public:
   ScheduledTaps(ShaperSchedule schedule, double sample_time_s)

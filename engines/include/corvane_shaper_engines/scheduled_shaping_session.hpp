@@ -1,13 +1,15 @@
 // Shaping that follows the machine's pose: the shaper is designed anew for the modes at the pose
 // the reference passes through, and its impulses are re-timed as the motion goes.
 //
-// Row k of the shaped reference is the sum over i of A_i(k) times the reference at
-// k - t_i(k) / sample_time_s samples (interpolated linearly), where A(k), t(k) is the design for
-// the modes at the pose that the last impulse reads: the reference at k less the duration of the
-// design for the modes at row k. For a mode that stays put this is the fixed shaper. For a mode
-// that moves, the design is exact only in the limit of a mode that changes slowly compared with
-// its own period; a ZV shaper re-timed this way leaves, to first order, about (pi / 8) times the
-// fractional change of the mode over one of its periods.
+// Each mode gets a stage of its own, and the stages are applied one after another. Row k of a
+// stage's output is the sum over i of A_i(k) times its input at k - t_i(k) / sample_time_s
+// samples (interpolated linearly), where A(k), t(k) is the design for the stage's mode at the
+// pose that its last impulse reads: the input at k less the duration of the design for the mode
+// at row k. For modes that stay put this is the fixed shapers, one after another. For a mode that
+// moves, the design is exact only in the limit of a mode that changes slowly compared with its
+// own period: a ZV stage re-timed this way lets through, to first order, about (pi / 8) times the
+// fractional change of the mode over one of its periods of the vibration that each part of the
+// motion excites.
 #pragma once
 
 #include <functional>
@@ -28,17 +30,19 @@ namespace corvane::control::engines {
 // out (the same number at every pose). Called from the thread that shapes.
 using ModeSchedule = std::function<std::vector<VibrationMode>(const Eigen::RowVectorXd& pose)>;
 
-// How the shaper follows the pose: the design of `kind` for each mode the schedule gives,
-// convolved (see MultiModeShaper()).
+// How the shaper follows the pose: a stage with the design of `kind` for each mode the schedule
+// gives.
 struct ShaperSchedule {
   ModeSchedule modes;                                       // never empty
   ShaperKind kind = ShaperKind::kZv;                        // the design for every mode
   double vibration_tolerance = kDefaultVibrationTolerance;  // [-] of the EI family, in (0, 1)
-  double longest_shaper_s = 0.0;  // [s] bound on any scheduled shaper's duration: the history kept
+  // [s] bound on the stages' durations summed, at any row: the reference history kept
+  double longest_shaper_s = 0.0;
 };
 
-// The shaper that the schedule gives a reference resting on `pose`. Throws std::invalid_argument
-// naming the fault for a bad schedule (see ShapeSamples() below) and as MultiModeShaper() does.
+// The shaper that the schedule gives a reference resting on `pose`: the stages' designs there,
+// convolved. Throws std::invalid_argument naming the fault for a bad schedule (see ShapeSamples()
+// below) and as MultiModeShaper() does.
 CORVANE_EXPORT ImpulseSequence ScheduledShaper(const ShaperSchedule& schedule,
                                                const Eigen::RowVectorXd& pose);
 
