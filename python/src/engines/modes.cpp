@@ -19,26 +19,8 @@ namespace corvane::python {
 
 namespace {
 
-// The scheduled shaping stage as Python builds it, noting the solver it wraps for the garbage
-// collector. Its schedule, a Python callable, is called with the GIL taken.
-class ScheduledSession final : public cw::LiftedMpcSolveSession {
- public:
-  ScheduledSession(const py::object& solver, ce::ShaperSchedule schedule, double sample_time_s)
-      : session_(AdoptSolveSession(solver, "solver"), std::move(schedule), sample_time_s),
-        solver_(solver) {}
-
-  void Prepare() override { session_.Prepare(); }
-  cw::WindowPayload Solve(const cw::WindowSlice& request) override {
-    return session_.Solve(request);
-  }
-  void Finalize() override { session_.Finalize(); }
-
-  static py::handle Held(const ScheduledSession& session) { return session.solver_; }
-
- private:
-  ce::ScheduledShapingSession session_;
-  py::handle solver_;  // kept alive by session_
-};
+// The schedule, a Python callable, is called with the GIL taken.
+using ScheduledSession = AdoptingStage<ce::ScheduledShapingSession, ce::ShaperSchedule>;
 
 void BindModeRecords(py::module_& engines) {
   RecordClass<ce::ModeBand>(engines, "ModeBand",

@@ -16,26 +16,7 @@ namespace corvane::python {
 
 namespace {
 
-// The shaping stage as Python builds it: it also notes the solver object it wraps, so that the
-// garbage collector sees that hold.
-class ShapingSession final : public cw::LiftedMpcSolveSession {
- public:
-  ShapingSession(const py::object& solver, ce::ImpulseSequence shaper, double sample_time_s)
-      : session_(AdoptSolveSession(solver, "solver"), std::move(shaper), sample_time_s),
-        solver_(solver) {}
-
-  void Prepare() override { session_.Prepare(); }
-  cw::WindowPayload Solve(const cw::WindowSlice& request) override {
-    return session_.Solve(request);
-  }
-  void Finalize() override { session_.Finalize(); }
-
-  static py::handle Held(const ShapingSession& session) { return session.solver_; }
-
- private:
-  ce::ShapingSolveSession session_;
-  py::handle solver_;  // kept alive by session_
-};
+using ShapingSession = AdoptingStage<ce::ShapingSolveSession, ce::ImpulseSequence>;
 
 void BindOfflineShaping(py::module_& engines) {
   engines.def("ShaperSamples", &ce::ShaperSamples, py::arg("shaper"), py::arg("sample_time_s"),
