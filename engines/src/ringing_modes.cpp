@@ -246,11 +246,10 @@ RingingModes EstimateRingingModes(const Eigen::VectorXd& samples, double sample_
   if (second) {
     const double excursion = (samples.array() - samples.mean()).abs().maxCoeff();
     if (two && Resolved(*two, sample_rate_hz, excursion)) return two->modes;
-    throw std::domain_error(
-        "The ringing recording holds a second mode that cannot be told apart "
-        "from the one near " +
-        Hz(one_misfit < spread_rms && one ? one->modes.modes[0].mode.natural_frequency_hz : 0.0) +
-        ": record a longer or less noisy ringing.");
+    const std::string near =
+        one ? " near " + Hz(one->modes.modes[0].mode.natural_frequency_hz) : "";
+    throw std::domain_error("The ringing recording holds two modes" + near +
+                            " that cannot be told apart: record a longer or less noisy ringing.");
   }
   if (!one_fits) {
     throw std::invalid_argument(

@@ -140,16 +140,21 @@ void PrintDurations(const cp::PoseExperiment& experiment, const MoveResults& res
 void PrintApproximation(const cp::PoseExperiment& experiment, const MoveResults& results) {
   std::printf(
       "\nThe scheduled shaper on moves that sweep the elbow, the mode moving as the arm moves.\n"
-      "A ZV shaper re-timed along a mode that changes by a share d of itself per period leaves,\n"
-      "to first order, about (pi/8) d of the unshaped vibration.\n");
+      "A ZV stage re-timed along a mode that changes by a share d of itself per period lets\n"
+      "through, to first order, about (pi/8) d of the vibration each part of the motion excites.\n"
+      "A slow sweep barely excites the mode at all (its accelerations cancel one another), so\n"
+      "against its small unshaped vibration the share left can exceed (pi/8) d; what it leaves\n"
+      "in absolute terms still falls with d.\n");
   std::printf(
-      "move  duration [s]  mode change per period  scheduled ratio  (pi/8) d   fixed ratio\n");
+      "move  duration [s]  mode change per period  scheduled [mrad]   ratio  (pi/8) d  fixed "
+      "ratio\n");
   for (std::size_t move = 0; move < results.size(); ++move) {
     const cp::PoseMove& planned = experiment.moves()[move];
     if (planned.mode_change_per_period == 0.0) continue;
-    std::printf("%4zu  %12.2f  %20.1f %%  %15.4f  %9.4f  %11.4f\n", move + 1, planned.duration_s,
-                100.0 * planned.mode_change_per_period,
-                results[move][Index(cp::PoseShaping::kScheduled)].ratio[kShoulder],
+    const cp::PoseMoveResult& scheduled = results[move][Index(cp::PoseShaping::kScheduled)];
+    std::printf("%4zu  %12.2f  %20.1f %%  %16.4f  %6.4f  %8.4f  %11.4f\n", move + 1,
+                planned.duration_s, 100.0 * planned.mode_change_per_period,
+                1e3 * scheduled.residual_rad[kShoulder], scheduled.ratio[kShoulder],
                 kPi / 8.0 * planned.mode_change_per_period,
                 results[move][Index(cp::PoseShaping::kFixed)].ratio[kShoulder]);
   }
@@ -166,8 +171,10 @@ void PrintTargets(const cp::PoseExperiment& experiment, const MoveResults& resul
     low = std::min(low, point.modes[kShoulder].natural_frequency_hz);
     high = std::max(high, point.modes[kShoulder].natural_frequency_hz);
   }
-  double scheduled_over_fixed = 0.0, duration_share = 0.0, gap_still = 0.0, gap_sweep = 0.0;
-  double two_modes = 0.0;
+  double scheduled_over_fixed = 0.0, duration_share = 0.0, two_modes = 0.0;
+  // Gaps between simulation and closed form: on moves at one pose, apart from the payload mode
+  // under the payload-only shaper; that one; and on moves that sweep the elbow.
+  double gap_still = 0.0, gap_leak = 0.0, gap_sweep = 0.0;
   for (std::size_t move = 0; move < results.size(); ++move) {
     const auto& run = results[move];
     const cp::PoseMoveResult& scheduled = run[Index(cp::PoseShaping::kScheduled)];
@@ -180,10 +187,12 @@ void PrintTargets(const cp::PoseExperiment& experiment, const MoveResults& resul
         duration_share, scheduled.duration_s / run[Index(cp::PoseShaping::kRobust)].duration_s);
     two_modes = std::max(two_modes, Larger(run[Index(cp::PoseShaping::kRobust)]) /
                                         Larger(run[Index(cp::PoseShaping::kPayloadOnly)]));
-    double& gap = experiment.moves()[move].mode_change_per_period == 0.0 ? gap_still : gap_sweep;
-    for (const cp::PoseMoveResult& result : run) {
-      for (std::size_t mode = 0; mode < result.ratio.size(); ++mode) {
-        gap = std::max(gap, std::abs(result.ratio[mode] - result.theory[mode]));
+    const bool still = experiment.moves()[move].mode_change_per_period == 0.0;
+    for (std::size_t shaping = 0; shaping < run.size(); ++shaping) {
+      for (std::size_t mode = 0; mode < run[shaping].ratio.size(); ++mode) {
+        const bool leak = mode == kPayload && shaping == Index(cp::PoseShaping::kPayloadOnly);
+        double& gap = !still ? gap_sweep : leak ? gap_leak : gap_still;
+        gap = std::max(gap, std::abs(run[shaping].ratio[mode] - run[shaping].theory[mode]));
       }
     }
   }
@@ -200,6 +209,10 @@ void PrintTargets(const cp::PoseExperiment& experiment, const MoveResults& resul
               duration_share);
   std::printf("  simulation against closed form, moves at one pose %.4f worst (target: 0.02)\n",
               gap_still);
+  std::printf(
+      "  the same, payload mode under the payload-only     %.4f worst (see the note)\n"
+      "  shaper\n",
+      gap_leak);
   std::printf("  the same, moves that sweep the elbow              %.4f worst (see the note)\n",
               gap_sweep);
   std::printf(
@@ -208,11 +221,14 @@ void PrintTargets(const cp::PoseExperiment& experiment, const MoveResults& resul
       "1/3)\n",
       two_modes);
   std::printf(
-      "\nNote: the closed form assumes the mode of the move's end pose throughout the move. On "
-      "the\n"
-      "moves that sweep the elbow the mode moves during the motion, so the fixed and robust\n"
-      "shapers meet a mode the closed form does not see, and the scheduled one is exact only to\n"
-      "the first order shown above; their gaps measure that, not a fault of the simulation.\n");
+      "\nNote: the closed form assumes the mode of the move's end pose throughout the move.\n"
+      "On the moves that sweep the elbow the mode moves during the motion, so the fixed and\n"
+      "robust shapers meet a mode the closed form does not see, and the scheduled one is exact\n"
+      "only to the first order shown above; their gaps measure that, not a fault of the\n"
+      "simulation. On moves at one pose the payload mode is excited a hundred times less than\n"
+      "the shoulder mode; under the payload-only shaper, which leaves the shoulder ringing at\n"
+      "65 to 85 %% of its unshaped size, the arm's nonlinear coupling carries a little of that\n"
+      "ringing into the payload deflection, comparable with the payload's own small residual.\n");
 }
 
 // The mode map above, with the ringings as points; the residual vibration of each mode per move
