@@ -66,8 +66,10 @@ class CORVANE_EXPORT ScheduledShapingSession final : public control::window::Lif
   // period of the request rows. Throws std::invalid_argument naming the argument at fault.
   ScheduledShapingSession(std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
                           ShaperSchedule schedule, double sample_time_s);
-  ScheduledShapingSession(ScheduledShapingSession&&) noexcept;
-  ScheduledShapingSession& operator=(ScheduledShapingSession&&) noexcept;
+  // Takes the other session's state; the other holds none afterwards.
+  ScheduledShapingSession(ScheduledShapingSession&& other) noexcept;
+  // Takes the other session's state and drops the state held before.
+  ScheduledShapingSession& operator=(ScheduledShapingSession&& other) noexcept;
   ScheduledShapingSession(const ScheduledShapingSession&) = delete;
   ScheduledShapingSession& operator=(const ScheduledShapingSession&) = delete;
   ~ScheduledShapingSession() override;

@@ -44,8 +44,10 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   // Finalizes the wrapped solver.
   void Finalize() override;
 
-  ShapingSolveSession(ShapingSolveSession&&) noexcept;
-  ShapingSolveSession& operator=(ShapingSolveSession&&) noexcept;
+  // Takes the other session's state; the other holds none afterwards.
+  ShapingSolveSession(ShapingSolveSession&& other) noexcept;
+  // Takes the other session's state and drops the state held before.
+  ShapingSolveSession& operator=(ShapingSolveSession&& other) noexcept;
   ~ShapingSolveSession() override;
 
  private:
