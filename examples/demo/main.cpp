@@ -7,6 +7,7 @@
 #include "demo/options.hpp"
 #include "demo/plant_mode.hpp"
 #include "demo/poses_mode.hpp"
+#include "demo/record_replay.hpp"
 #include "demo/report.hpp"
 
 namespace demo = corvane::demo;
@@ -25,7 +26,11 @@ int main(int argc, char** argv) {
   }
   try {
     if (options.mode == demo::Mode::kPlant) {
-      demo::RunPlantDemo(options);
+      if (options.replay_path.empty()) {
+        demo::RunPlantDemo(options);
+      } else {
+        demo::RunReplayDemo(options);
+      }
       return 0;
     }
     if (options.mode == demo::Mode::kPoses) {

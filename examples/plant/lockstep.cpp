@@ -10,6 +10,8 @@
 #include <window/producers.hpp>
 #include <window/reference_buffer.hpp>
 
+#include "plant/playback.hpp"
+
 namespace corvane::plant {
 
 namespace cw = control::window;
@@ -78,31 +80,6 @@ class BlockPlanner {
   std::optional<Eigen::Index> late_due_;  // pops after which the held-back block comes
 };
 
-// The played samples, gathered row by row.
-class Recorder {
- public:
-  void Record(const Eigen::RowVectorXd& command, const FlexibleArm& arm) {
-    commands_.push_back(command);
-    joints_.push_back(arm.JointPositions());
-    deflection_.push_back(arm.Deflection());
-  }
-  void MoveInto(LockstepRun& run) const {
-    const auto rows = static_cast<Eigen::Index>(commands_.size());
-    run.command.resize(rows, kArmJoints);
-    run.joints.resize(rows, kArmJoints);
-    run.deflection = Eigen::Map<const Eigen::VectorXd>(deflection_.data(), rows);
-    for (Eigen::Index k = 0; k < rows; ++k) {
-      run.command.row(k) = commands_[static_cast<std::size_t>(k)];
-      run.joints.row(k) = joints_[static_cast<std::size_t>(k)];
-    }
-  }
-
- private:
-  std::vector<Eigen::RowVectorXd> commands_;
-  std::vector<Eigen::RowVectorXd> joints_;
-  std::vector<double> deflection_;
-};
-
 // The lifted-MPC solver, behind the online shaping stage when there is a shaper.
 std::unique_ptr<cw::LiftedMpcSolveSession> Solver(const std::optional<cs::ImpulseSequence>& shaper,
                                                   double sample_time_s,
@@ -135,26 +112,10 @@ LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
       stored, kPrefillWindows, static_cast<std::size_t>(shape.queue_windows));
   LockstepRun run;
   BlockPlanner planner(buffer, *stored, plan, shape, run);
-  Recorder recorder;
   arm.Rest(plan.front().positions.row(0));
   planner.BeforePop(0);
   buffer.Start();
-  for (Eigen::Index popped = 0;; ++popped) {
-    planner.BeforePop(popped);
-    const std::optional<cw::WindowPayload> window = buffer.Pop(kStallTimeout);
-    if (!window) {
-      if (buffer.IsComplete()) break;
-      throw std::runtime_error("No window arrived within 5 s.");
-    }
-    for (Eigen::Index k = 0; k < window->positions.rows(); ++k) {
-      const Eigen::RowVectorXd velocity = window->velocities
-                                              ? Eigen::RowVectorXd(window->velocities->row(k))
-                                              : Eigen::RowVectorXd::Zero(kArmJoints);
-      arm.Play(window->positions.row(k), velocity);
-      recorder.Record(window->positions.row(k), arm);
-    }
-  }
-  recorder.MoveInto(run);
+  PlayWindows(buffer, arm, run, [&](Eigen::Index popped) { planner.BeforePop(popped); });
   run.reference = buffer.ReferencePositions();
   run.qualification = buffer.Qualify(compute_fraction_limit);
   run.wall_time_s =

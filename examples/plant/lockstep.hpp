@@ -15,6 +15,7 @@
 
 #include <Eigen/Core>
 #include <corvane_shaper_engines/impulse_sequence.hpp>
+#include <corvane_shaper_io/window_record.hpp>
 #include <window/async_buffer.hpp>
 #include <window/producers.hpp>
 #include <window/records.hpp>
@@ -50,6 +51,8 @@ struct LockstepRun {
   std::vector<SampleSpan> moves;            // where each block's move lies in the reference
   control::window::QualificationReport qualification;
   double wall_time_s = 0.0;  // [s] steady-clock time of the run, for its speed only
+  // Every popped window, with when the loop popped it [s since it began popping].
+  std::vector<control::io::RecordedWindow> popped;
 };
 
 // Starts the arm at rest on the first planned row and plays the plan through the lifted-MPC

@@ -67,6 +67,11 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // Throws std::invalid_argument when start >= stop, when start is not a stored sample yet, or
   // when it has been dropped by a retention.
   ReferenceWindow WindowWithTerminalPadding(std::size_t start, std::size_t stop) const;
+  // WindowWithTerminalPadding(start, stop), written into `positions` (resized to stop - start
+  // rows, which allocates nothing when it has that shape already); returns the padding rows.
+  // Throws as WindowWithTerminalPadding does, leaving `positions` unchanged.
+  std::size_t CopyWindowWithTerminalPadding(std::size_t start, std::size_t stop,
+                                            SampleMatrix& positions) const;
   // Blocks until at least `count` samples are stored, the stream is finished, or the time-out
   // (steady clock; absent: no limit; zero or negative: no wait) passes. Returns whether at least
   // `count` samples are stored.

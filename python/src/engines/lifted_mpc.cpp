@@ -38,6 +38,20 @@ void BindLiftedMpc(py::module_& engines) {
            "Solves one request and applies its first \"apply_samples\" rows, which it returns "
            "with positions, velocities, accelerations and times. Raises ValueError when "
            "\"apply_samples\" is missing or out of range, or the joint count changes.")
+      .def(
+          "SolveInto",
+          [](py::handle self, const cw::WindowSlice& request, cw::WindowPayload& window) {
+            CheckNotTaken(self);
+            Solver& solver = self.cast<Solver&>();
+            WithLentWindow(window, [&](cw::WindowPayload& lent) {
+              WithoutGil([&] { solver.SolveInto(request, lent); });
+              return true;
+            });
+          },
+          py::arg("request"), py::arg("window"),
+          "Solve(request) written into `window` (a WindowPayload), reusing its storage: "
+          "positions, velocities, accelerations, times, range and compute time; its metadata is "
+          "left as it is. Raises as Solve does.")
       .def("Finalize", OwnedMethod(&Solver::Finalize),
            "Ends the session and forgets the carried state.");
 }
