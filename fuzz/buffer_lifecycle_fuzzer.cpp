@@ -22,12 +22,14 @@ using testing::CallLog;
 constexpr char kScriptedFailure[] = "scripted failure";
 
 // The producer's answers, decoded from the input. Its k-th valid window holds the value k, and
-// `produced` counts the valid windows it handed out.
+// `produced` counts the valid windows it handed out. An endless producer would fill an unbounded
+// queue (`limit` 0) as fast as it runs, and a run would have no bound: it gets a capacity.
 std::unique_ptr<WindowProducerSession> ScriptedProducer(
-    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced) {
+    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced, std::size_t& limit) {
   auto log = std::make_shared<CallLog>();
   const bool prepare_fails = in.OneIn(4), finalize_fails = in.OneIn(4);
   const std::size_t calls = in.Below(48), tail = in.Below(4);  // from 40 calls on: never exhausted
+  if (calls >= 40 && limit == 0) limit = 4;
   std::vector<std::uint8_t> answers(1 + in.Below(8));
   for (std::uint8_t& answer : answers) answer = in.Byte();
 
@@ -158,12 +160,14 @@ struct Lifecycle {
 
 }  // namespace
 
-// A buffer with the input's capacity, prefill count and producer, then the input's calls until
-// it runs out or destroys the buffer; a buffer left is closed and drained.
+// A buffer with the input's capacity, producer and prefill count, decoded in this order under
+// every compiler, then the input's calls until it runs out or destroys the buffer; a buffer left
+// is closed and drained.
 void RunInput(FuzzInput& in) {
   Lifecycle run;
-  const std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
-  run.buffer.emplace(ScriptedProducer(in, run.produced), in.Below((limit ? limit : 4) + 1),
+  std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
+  auto producer = ScriptedProducer(in, run.produced, limit);
+  run.buffer.emplace(std::move(producer), in.Below((limit ? limit : 4) + 1),
                      limit ? std::optional<std::size_t>(limit) : std::nullopt);
   while (!in.Empty()) {
     if (!run.Step(in)) return;
