@@ -31,8 +31,6 @@ void CheckSchedule(const ShaperSchedule& schedule, double sample_time_s) {
   }
 }
 
-// The scheduled shaper as a filter on a sampled reference, with the designs of the last two
-// poses kept: at rest, and between nearby rows of a slow motion, the design is not redone.
 // The scheduled shaper as a filter on a sampled reference: one stage per mode, each re-timed by
 // its own mode, applied one after another. A stage's impulses are designed for its mode at the
 // pose that its last impulse reads, in the stage's input. For modes that stay put the cascade is
