@@ -207,6 +207,7 @@ void ScheduledShapingSession::Finalize() { impl_->solver->Finalize(); }
 
 cw::WindowPayload ScheduledShapingSession::Solve(const cw::WindowSlice& request) {
   const Eigen::Index apply = ApplySamples(request);
+  CheckRequestPositions(request);
   impl_->history.CheckContinues(request);
   Eigen::Index before = 0;
   const cw::SampleMatrix source = impl_->history.Source(request, before);

@@ -1,5 +1,6 @@
 #include "corvane_shaper_engines/shaping_solve_session.hpp"
 
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -15,8 +16,8 @@ ShapingSolveSession::ShapingSolveSession(std::unique_ptr<cw::LiftedMpcSolveSessi
                                          ImpulseSequence shaper, double sample_time_s)
     : solver_(std::move(solver)), shaper_(std::move(shaper)), sample_time_s_(sample_time_s) {
   if (!solver_) throw std::invalid_argument("solver must not be null.");
-  history_ =
-      std::make_unique<ReferenceHistory>(ShapingTaps(shaper_, sample_time_s_).history_rows());
+  taps_ = std::make_shared<const ShapingTaps>(shaper_, sample_time_s_);
+  history_ = std::make_unique<ReferenceHistory>(taps_->history_rows());
 }
 
 ShapingSolveSession::ShapingSolveSession(ShapingSolveSession&&) noexcept = default;
@@ -32,12 +33,12 @@ void ShapingSolveSession::Finalize() { solver_->Finalize(); }
 
 cw::WindowPayload ShapingSolveSession::Solve(const cw::WindowSlice& request) {
   const Eigen::Index apply = ApplySamples(request);
+  CheckRequestPositions(request);
   history_->CheckContinues(request);
   Eigen::Index before = 0;
   const cw::SampleMatrix source = history_->Source(request, before);
   cw::WindowSlice shaped;
-  shaped.positions =
-      ShapingTaps(shaper_, sample_time_s_).Shape(source, before, request.positions.rows());
+  shaped.positions = taps_->Shape(source, before, request.positions.rows());
   shaped.start_index = request.start_index;
   shaped.stop_index = request.stop_index;
   shaped.metadata = request.metadata;

@@ -21,6 +21,8 @@ namespace {
 
 constexpr auto kStallTimeout = std::chrono::seconds(5);
 constexpr std::size_t kPrefillWindows = 2;
+// Holds every window of a run: minutes of 10 ms windows.
+constexpr std::size_t kTimingLogWindows = 16384;
 
 // The planning half of the control loop: appends the planned blocks so that every solve sees a
 // reference that no later append changes (see lockstep.hpp).
@@ -110,6 +112,8 @@ LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
           std::move(solver), stored, static_cast<std::size_t>(shape.apply_samples),
           static_cast<std::size_t>(shape.lookahead_samples), h, 0),
       stored, kPrefillWindows, static_cast<std::size_t>(shape.queue_windows));
+  auto timing = std::make_shared<cw::TimingLog>(kTimingLogWindows);
+  buffer.AttachTimingLog(timing);
   LockstepRun run;
   BlockPlanner planner(buffer, *stored, plan, shape, run);
   arm.Rest(plan.front().positions.row(0));
@@ -118,6 +122,7 @@ LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
   PlayWindows(buffer, arm, run, [&](Eigen::Index popped) { planner.BeforePop(popped); });
   run.reference = buffer.ReferencePositions();
   run.qualification = buffer.Qualify(compute_fraction_limit);
+  run.timing = timing->Read(0).entries;
   run.wall_time_s =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   return run;

@@ -1,7 +1,7 @@
 # Type stubs of the corvane_window.engines submodule.
 # Subclasses of the module's interfaces declare only what they add.
 import enum
-from typing import Callable, overload
+from typing import Callable, Optional, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -45,16 +45,26 @@ def ThreeHumpEiShaper(mode: VibrationMode,
 def DesignShaper(kind: ShaperKind, mode: VibrationMode,
                  vibration_tolerance: float = ...) -> ImpulseSequence: ...
 
+def MaximumDampingRatio(kind: ShaperKind,
+                        vibration_tolerance: float = ...) -> Optional[float]: ...
+
 def ResidualVibration(shaper: ImpulseSequence, mode: VibrationMode) -> float: ...
+def SampledResidualVibration(shaper: ImpulseSequence, mode: VibrationMode,
+                             sample_time_s: float) -> float: ...
+@overload
 def WorstVibration(shaper: ImpulseSequence, mode: VibrationMode,
                    frequency_uncertainty: float) -> float: ...
+@overload
+def WorstVibration(shaper: ImpulseSequence, mode: VibrationMode, frequency_uncertainty: float, *,
+                   sample_time_s: float) -> float: ...
 
 class RingingEstimate:
     mode: VibrationMode
     amplitude: float
     noise_rms: float
+    near_nyquist: bool
     def __init__(self, *, mode: VibrationMode = ..., amplitude: float = ...,
-                 noise_rms: float = ...) -> None: ...
+                 noise_rms: float = ..., near_nyquist: bool = ...) -> None: ...
 
 class ShaperChoice:
     kind: ShaperKind
@@ -65,13 +75,20 @@ class ShaperChoice:
                  duration_s: float = ..., worst_vibration: float = ...) -> None: ...
 
 def EstimateRinging(samples: ArrayLike, sample_rate_hz: float) -> RingingEstimate: ...
+@overload
 def ChooseShaper(mode: VibrationMode, frequency_uncertainty: float,
                  vibration_limit: float = ...) -> ShaperChoice: ...
+@overload
+def ChooseShaper(mode: VibrationMode, frequency_uncertainty: float, vibration_limit: float = ...,
+                 *, sample_time_s: float) -> ShaperChoice: ...
 
 def ShaperSamples(shaper: ImpulseSequence, sample_time_s: float) -> int: ...
 @overload
 def ShapeSamples(reference: ArrayLike, sample_time_s: float,
                  shaper: ImpulseSequence) -> npt.NDArray[np.float64]: ...
+@overload
+def ShapeSamples(reference: ArrayLike, sample_time_s: float,
+                 schedule: ShaperSchedule) -> npt.NDArray[np.float64]: ...
 
 class InputShaper(TrajectoryWindowHandle):
     def __init__(self, trajectory: ArrayLike, sample_time_s: float, shaper: ImpulseSequence,
@@ -138,12 +155,6 @@ def ChooseMultiModeShaper(bands: list[ModeBand],
                           vibration_limit: float = ...) -> MultiModeChoice: ...
 def EstimateRingingModes(samples: ArrayLike, sample_rate_hz: float) -> RingingModes: ...
 def ScheduledShaper(schedule: ShaperSchedule, pose: ArrayLike) -> ImpulseSequence: ...
-@overload
-def ShapeSamples(reference: ArrayLike, sample_time_s: float,
-                 shaper: ImpulseSequence) -> npt.NDArray[np.float64]: ...
-@overload
-def ShapeSamples(reference: ArrayLike, sample_time_s: float,
-                 schedule: ShaperSchedule) -> npt.NDArray[np.float64]: ...
 
 class ScheduledShapingSession(LiftedMpcSolveSession):
     def __init__(self, solver: LiftedMpcSolveSession, schedule: ShaperSchedule,

@@ -28,5 +28,7 @@ void BindProducers(py::module_& module);
 void BindBuffers(py::module_& module);
 // WorkerPolicy, WorkerSettings and the buffers' Start(settings); after BindBuffers.
 void BindWorkerSettings(py::module_& module);
+// TimingLog, TimingRead, TimingCounters and the buffers' AttachTimingLog; after BindBuffers.
+void BindTimingLog(py::module_& module);
 
 }  // namespace corvane::python

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "buffering/timing_log_impl.hpp"
 #include "buffering/window_ring.hpp"
 #include "buffering/window_statistics.hpp"
 #include "common/priority_inheriting_mutex.hpp"
@@ -42,6 +43,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   std::exception_ptr failure;             // what ended the worker, rethrown by Pop
   std::optional<std::string> last_error;  // its text
   WindowStatistics statistics;            // compute time and duration per produced window
+  std::shared_ptr<TimingLog> timing;      // the attached timing log; null without one
   bool worker_waits_for_room = false;     // the worker sleeps in its wait for room
   bool ready_raised = false;              // the producer signalled a window may be ready
 
@@ -50,6 +52,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   ReadySignallingProducer* ready_source = nullptr;  // the producer's signal, when it has one
   RecyclingWindowProducer* recycling = nullptr;     // the producer writes into given storage
   WindowPayload spare;                              // storage for the next window to produce
+  WindowProduction production;                      // the last produced window's timing
   // The idle sleeps of a waiting worker whose producer has no ready signal: from the first, each
   // twice the last, up to the longest.
   static constexpr std::chrono::nanoseconds kFirstIdleSleep = std::chrono::microseconds(50);
@@ -90,6 +93,11 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   std::optional<WindowPayload> ProduceWindow();
   void QueueWindow(WindowPayload&& window);
 
+  // The timing log's hooks, with the lock held and a log attached: the window just queued (the
+  // last produced), and the one just popped from the front.
+  void RecordQueueTiming(std::chrono::steady_clock::time_point queued_at);
+  void RecordPopTiming();
+
  private:
   void RunInitialPhase();
   void RunSteadyPhase();
@@ -103,7 +111,8 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   void ConnectProducerExtensions();
   void DisconnectReadySignal() noexcept;
   // Validates a produced window and records its statistics.
-  void Charge(const WindowPayload& window, double measured_s);
+  void Charge(const WindowPayload& window, std::chrono::steady_clock::time_point t0,
+              std::chrono::steady_clock::time_point t1);
   void RecordStatistics(double charged_s, double duration_s);
   void CaptureFailure() noexcept;
   void MarkFinished() noexcept;

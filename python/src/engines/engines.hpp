@@ -28,6 +28,9 @@ void BindTuning(py::module_& engines);
 void BindShaping(py::module_& engines);
 // LiftedMpcWeights and LiftedMpcSolver.
 void BindLiftedMpc(py::module_& engines);
+// MaximumDampingRatio, SampledResidualVibration, and WorstVibration and ChooseShaper at a sample
+// period (overloads of those bound before).
+void BindSampling(py::module_& engines);
 // Several modes and modes that move with the pose: ModeBand, MultiModeChoice, ModeEstimate,
 // RingingModes, ShaperSchedule, the multi-mode shapers, EstimateRingingModes, ScheduledShaper,
 // ShapeSamples with a schedule and ScheduledShapingSession.
