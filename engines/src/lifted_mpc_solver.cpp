@@ -35,6 +35,32 @@ void LiftedMpcSolver::Prepare() {
 
 void LiftedMpcSolver::Finalize() { state_.reset(); }
 
+bool LiftedMpcSolver::CanResume() const { return true; }
+
+std::size_t LiftedMpcSolver::ResumeHistorySamples() const { return 0; }
+
+// The rows of a window are exactly the states the solver went through, so resuming from one
+// carries on bit for bit as if the solves after it had never happened.
+void LiftedMpcSolver::ResumeFrom(const cw::SolveResumePoint& point) {
+  if (!point.previous_command) {
+    state_.reset();
+    return;
+  }
+  const cw::CommandSample& command = *point.previous_command;
+  const Eigen::Index joints = command.positions.size();
+  const auto fits = [joints](const std::optional<Eigen::RowVectorXd>& row) {
+    return !row || (row->size() == joints && row->allFinite());
+  };
+  if (joints == 0 || !command.positions.allFinite() || !fits(command.velocities) ||
+      !fits(command.accelerations) || (state_ && state_->position.size() != joints)) {
+    throw std::invalid_argument(
+        "previous_command must hold one finite value per joint of the session in each row.");
+  }
+  const Eigen::RowVectorXd rest = Eigen::RowVectorXd::Zero(joints);
+  state_ = JointState{command.positions, command.velocities.value_or(rest),
+                      command.accelerations.value_or(rest)};
+}
+
 cw::WindowPayload LiftedMpcSolver::Solve(const cw::WindowSlice& request) {
   cw::WindowPayload payload;
   SolveInto(request, payload);

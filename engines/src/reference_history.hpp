@@ -1,5 +1,5 @@
-// The reference rows that an online shaping stage keeps between requests, shared by the fixed and
-// the scheduled stage.
+// The reference rows that the scheduled shaping stage keeps between requests, by the rules of
+// ShapingSolveSession.
 #pragma once
 
 #include <cstddef>

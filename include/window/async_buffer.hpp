@@ -17,6 +17,7 @@
 #include "window/producers.hpp"
 #include "window/records.hpp"
 #include "window/reference_buffer.hpp"
+#include "window/replacement.hpp"
 #include "window/timing_log.hpp"
 #include "window/worker_settings.hpp"
 
@@ -135,6 +136,7 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   void AttachTimingLog(std::shared_ptr<TimingLog> log);
 
  private:
+  friend class AppendableWindowBuffer;  // replaces queued windows through the state
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
@@ -182,6 +184,36 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   // How many samples an append may add now without dropping one that the producer has yet to
   // read (AppendableReferenceBuffer::appendable_samples); absent when nothing limits it.
   std::optional<std::size_t> AppendableReferenceSamples() const;
+
+  // Replaces every reference sample from global index start_index on with the rows of `samples`
+  // (possibly none), and finishes the reference too when `finish` is true. Queued windows that
+  // hold start_index or later are discarded and never handed out. A window that holds samples on
+  // both sides of start_index is produced again from its start, over the old samples before
+  // start_index and the new ones from it; production resumes at resume_index from the command
+  // at resume_index - 1, so the command goes on without a jump. start_index may be any sample not
+  // yet handed to a consumer: at least EarliestReplaceableIndex(), and at most one past the last
+  // stored sample. Needs a producer that implements ResumableWindowProducer and can resume.
+  // Throws std::invalid_argument when start_index is before EarliestReplaceableIndex() (naming
+  // it), beyond the stored samples, or dropped by the reference's retention (naming the first
+  // retained sample), and for samples that AppendReference would refuse (with its messages);
+  // std::runtime_error when the producer cannot resume, after Finish(), or once the worker has
+  // ended. A failed call leaves the stream unchanged.
+  ReferenceReplacement ReplaceReference(std::size_t start_index, const SampleMatrix& samples,
+                                        bool finish = false);
+  // The earliest global index that ReplaceReference accepts at this moment: the end of the last
+  // window handed out (the first sample of the stream before any). A snapshot: a pop on another
+  // thread may raise it at once. Throws std::runtime_error when the producer cannot resume.
+  std::size_t EarliestReplaceableIndex() const;
+  // Ends the motion as soon as possible: from EarliestReplaceableIndex(), taken in the same step,
+  // the reference holds the position last commanded (the last row handed out, or the first
+  // reference sample before any) for hold_samples samples and finishes, so that the solver
+  // brings the machine to rest. Throws std::invalid_argument when hold_samples is 0 or before the
+  // first reference sample, and otherwise as ReplaceReference.
+  ReferenceReplacement StopSmoothly(std::size_t hold_samples);
+  // The replacements so far and the windows they discarded; a snapshot in constant time.
+  // Discarded windows count in Totals() as produced windows, and Qualify() judges every produced
+  // window, discarded ones included, with the duration it was produced for.
+  ReplacementTotals Replacements() const;
 
  private:
   std::shared_ptr<AppendableReferenceBuffer> reference_buffer_;

@@ -15,6 +15,7 @@
 
 #include "native/export.hpp"
 #include "window/records.hpp"
+#include "window/replacement.hpp"
 
 namespace corvane::control::window {
 
@@ -164,9 +165,11 @@ class CORVANE_EXPORT RecyclingLiftedMpcSolveSession : public LiftedMpcSolveSessi
 // Runs a LiftedMpcSolveSession over a reference that the caller keeps appending to an
 // AppendableReferenceBuffer, one apply window per ProduceNext call. When the caller has not yet
 // appended enough reference, the last sample is held instead of waiting; only the very first
-// sample is waited for.
+// sample is waited for. It can resume after a replacement when its solve session also implements
+// ResumableSolveSession.
 class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSession,
-                                                         public RecyclingWindowProducer {
+                                                         public RecyclingWindowProducer,
+                                                         public ResumableWindowProducer {
  public:
   // apply_samples: rows applied per window, 1 to lookahead_samples.
   // lookahead_samples: rows of reference handed to the solver per request.
@@ -204,6 +207,18 @@ class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSe
   bool IsExhausted() const override;
   // Finalizes the solver once; always returns an empty result.
   std::optional<WindowPayload> Finalize() override;
+
+  // Whether the solve session implements ResumableSolveSession and can resume.
+  bool CanResume() const override;
+  // global_start_index.
+  std::size_t FirstGlobalIndex() const override;
+  // Moves the cursor to start_index and resumes the solver there, handing it the command at
+  // start_index - 1 and the reference rows before the join that it asks for, as far as a
+  // retention has kept them. Throws std::runtime_error before PrepareSession() or when the solver
+  // cannot resume, and std::invalid_argument when start_index is before global_start_index or
+  // beyond the stored reference.
+  void Resume(std::size_t start_index,
+              const std::optional<CommandSample>& previous_command) override;
 
  private:
   struct Impl;

@@ -59,6 +59,14 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // with the wrong column count, and std::runtime_error after Finish(), or when the retention
   // would drop a sample that a reader has yet to read (see KeepFrom); nothing is stored then.
   AppendedRange AppendReference(const SampleMatrix& command);
+  // Replaces every sample from start_index on with the rows of `samples` (possibly none, which
+  // drops them), then finishes the stream when `finish` is true, and wakes waiters. Returns the
+  // samples written, [start_index, start_index + rows). Throws std::invalid_argument when
+  // start_index is beyond the stored samples or dropped by the retention (naming the first
+  // retained sample), and for a block that AppendReference would refuse (with its messages);
+  // std::runtime_error after Finish(). A failed call changes nothing.
+  AppendedRange ReplaceReference(std::size_t start_index, const SampleMatrix& samples,
+                                 bool finish = false);
   // Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.
   void Finish();
   // Repeats the last sample until target_samples are stored; returns how many were added.
@@ -94,6 +102,8 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   std::size_t available_samples() const;
   // Whether Finish() has been called.
   bool is_finished() const;
+  // Index of the oldest sample still stored: 0 without a retention.
+  std::size_t first_retained_sample() const;
   // A copy of every stored sample; with a retention, of the retained ones, oldest first.
   SampleMatrix PositionsCopy() const;
 

@@ -28,6 +28,7 @@ PYBIND11_MODULE(corvane_window, module) {
   corvane::python::BindBuffers(module);
   corvane::python::BindWorkerSettings(module);
   corvane::python::BindTimingLog(module);
+  corvane::python::BindReplacement(module);
   corvane::python::BindEngines(module);
   corvane::python::BindIo(module);
 }

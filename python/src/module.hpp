@@ -30,5 +30,8 @@ void BindBuffers(py::module_& module);
 void BindWorkerSettings(py::module_& module);
 // TimingLog, TimingRead, TimingCounters and the buffers' AttachTimingLog; after BindBuffers.
 void BindTimingLog(py::module_& module);
+// The records of the replacement of the unplayed reference and the streaming buffers' replacement
+// calls; after BindBuffers.
+void BindReplacement(py::module_& module);
 
 }  // namespace corvane::python

@@ -120,13 +120,28 @@ class PythonHandle final : public PythonOverrides<cw::TrajectoryWindowHandle> {
   void Finalize() override { Call<void>("Finalize"); }
 };
 
-class PythonSolveSession final : public PythonOverrides<cw::LiftedMpcSolveSession> {
+// A subclass that implements ResumeFrom(point), and ResumeHistorySamples() when it needs
+// reference before the join, can resume after a replacement.
+class PythonSolveSession final : public PythonOverrides<cw::LiftedMpcSolveSession>,
+                                 public cw::ResumableSolveSession {
  public:
   void Prepare() override { Call<void>("Prepare"); }
   cw::WindowPayload Solve(const cw::WindowSlice& request) override {
     return Call<cw::WindowPayload>("Solve", request);
   }
   void Finalize() override { Call<void>("Finalize"); }
+  bool CanResume() const override { return Implements("ResumeFrom"); }
+  std::size_t ResumeHistorySamples() const override {
+    return Implements("ResumeHistorySamples") ? Call<std::size_t>("ResumeHistorySamples") : 0;
+  }
+  void ResumeFrom(const cw::SolveResumePoint& point) override { Call<void>("ResumeFrom", point); }
+
+ private:
+  bool Implements(const char* name) const {
+    py::gil_scoped_acquire gil;
+    return static_cast<bool>(
+        py::get_override(static_cast<const cw::LiftedMpcSolveSession*>(this), name));
+  }
 };
 
 // The Python objects that an adapter holds for the library now; changed only with the GIL held.
@@ -170,13 +185,31 @@ class Owned {
   py::object object_;
 };
 
-class OwnedProducer : public cw::WindowProducerSession {
+// The owned object seen through a second interface that it may implement, or null.
+template <class Second, class Interface>
+Second* AlsoA(const Owned<Interface>& owned) {
+  return dynamic_cast<Second*>(owned.operator->());
+}
+
+// Resumable when the producer it owns is.
+class OwnedProducer : public cw::WindowProducerSession, public cw::ResumableWindowProducer {
  public:
   explicit OwnedProducer(py::object producer) : producer_(std::move(producer)) {}
   void PrepareSession() override { producer_->PrepareSession(); }
   std::optional<cw::WindowPayload> ProduceNext() override { return producer_->ProduceNext(); }
   bool IsExhausted() const override { return producer_->IsExhausted(); }
   std::optional<cw::WindowPayload> Finalize() override { return producer_->Finalize(); }
+  bool CanResume() const override {
+    const auto* resumable = AlsoA<cw::ResumableWindowProducer>(producer_);
+    return resumable != nullptr && resumable->CanResume();
+  }
+  std::size_t FirstGlobalIndex() const override {
+    return AlsoA<cw::ResumableWindowProducer>(producer_)->FirstGlobalIndex();
+  }
+  void Resume(std::size_t start_index,
+              const std::optional<cw::CommandSample>& previous_command) override {
+    AlsoA<cw::ResumableWindowProducer>(producer_)->Resume(start_index, previous_command);
+  }
 
  protected:
   Owned<cw::WindowProducerSession> producer_;
@@ -207,7 +240,8 @@ class OwnedHandle final : public cw::TrajectoryWindowHandle {
   Owned<cw::TrajectoryWindowHandle> handle_;
 };
 
-class OwnedSolveSession final : public cw::LiftedMpcSolveSession {
+// Resumable when the session it owns is.
+class OwnedSolveSession final : public cw::LiftedMpcSolveSession, public cw::ResumableSolveSession {
  public:
   explicit OwnedSolveSession(py::object session) : session_(std::move(session)) {}
   void Prepare() override { session_->Prepare(); }
@@ -215,6 +249,16 @@ class OwnedSolveSession final : public cw::LiftedMpcSolveSession {
     return session_->Solve(request);
   }
   void Finalize() override { session_->Finalize(); }
+  bool CanResume() const override {
+    const auto* resumable = AlsoA<cw::ResumableSolveSession>(session_);
+    return resumable != nullptr && resumable->CanResume();
+  }
+  std::size_t ResumeHistorySamples() const override {
+    return AlsoA<cw::ResumableSolveSession>(session_)->ResumeHistorySamples();
+  }
+  void ResumeFrom(const cw::SolveResumePoint& point) override {
+    AlsoA<cw::ResumableSolveSession>(session_)->ResumeFrom(point);
+  }
 
  private:
   Owned<cw::LiftedMpcSolveSession> session_;
@@ -337,7 +381,10 @@ void BindLiftedMpcProducer(py::module_& module) {
   py::class_<cw::LiftedMpcSolveSession, PythonSolveSession>(
       module, "LiftedMpcSolveSession",
       InterfaceDoc("A lifted-MPC solver: Prepare(), Solve(request: WindowSlice) -> "
-                   "WindowPayload, Finalize(). The request is the solver's own copy.")
+                   "WindowPayload, Finalize(). The request is the solver's own copy. A solver "
+                   "that also implements ResumeFrom(point: SolveResumePoint), and "
+                   "ResumeHistorySamples() -> int when it needs reference before the join, can "
+                   "resume after AppendableWindowBuffer.ReplaceReference.")
           .c_str())
       .def(py::init<>(), kSubclassInit);
   py::class_<LiftedMpcProducer, cw::WindowProducerSession>(

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "buffering/async_window_buffer_impl.hpp"
 #include "window/async_buffer.hpp"
 
 namespace corvane::control::window {
@@ -16,6 +17,7 @@ AppendableWindowBuffer::AppendableWindowBuffer(
     : AsyncWindowBuffer(std::move(producer), prefill_windows, max_buffered_windows),
       reference_buffer_(std::move(reference_buffer)) {
   if (!reference_buffer_) throw std::invalid_argument("reference_buffer must not be null.");
+  impl_->EnableReplacement();
 }
 
 AppendableWindowBuffer::AppendableWindowBuffer(
@@ -26,6 +28,7 @@ AppendableWindowBuffer::AppendableWindowBuffer(
                         statistics_retention_windows),
       reference_buffer_(std::move(reference_buffer)) {
   if (!reference_buffer_) throw std::invalid_argument("reference_buffer must not be null.");
+  impl_->EnableReplacement();
 }
 
 AppendableWindowBuffer::AppendableWindowBuffer(AppendableWindowBuffer&& other) noexcept = default;

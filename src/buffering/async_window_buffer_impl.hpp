@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "buffering/timing_log_impl.hpp"
+#include "buffering/window_replacement.hpp"
 #include "buffering/window_ring.hpp"
 #include "buffering/window_statistics.hpp"
 #include "common/priority_inheriting_mutex.hpp"
@@ -40,12 +41,13 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   bool prefilling = false;        // a Prefill call is driving the producer
   bool stop_requested = false;
   bool producer_finished = false;
-  std::exception_ptr failure;             // what ended the worker, rethrown by Pop
-  std::optional<std::string> last_error;  // its text
-  WindowStatistics statistics;            // compute time and duration per produced window
-  std::shared_ptr<TimingLog> timing;      // the attached timing log; null without one
-  bool worker_waits_for_room = false;     // the worker sleeps in its wait for room
-  bool ready_raised = false;              // the producer signalled a window may be ready
+  std::exception_ptr failure;                     // what ended the worker, rethrown by Pop
+  std::optional<std::string> last_error;          // its text
+  WindowStatistics statistics;                    // compute time and duration per produced window
+  std::shared_ptr<TimingLog> timing;              // the attached timing log; null without one
+  bool worker_waits_for_room = false;             // the worker sleeps in its wait for room
+  bool ready_raised = false;                      // the producer signalled a window may be ready
+  std::unique_ptr<ReplacementState> replacement;  // null unless the producer can resume
 
   // The worker's own; set before it starts, or by it alone.
   bool idle_waits = false;  // nothing ready: sleep (until a signal, stop or back-off), not yield
@@ -97,6 +99,20 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   // last produced), and the one just popped from the front.
   void RecordQueueTiming(std::chrono::steady_clock::time_point queued_at);
   void RecordPopTiming();
+
+  // The replacement of the unplayed reference (window_replacement.cpp). Replace() runs on the
+  // caller's thread; `samples` null means holding the last command for hold_samples samples from
+  // the earliest index, which an absent start_index asks for.
+  void EnableReplacement();
+  ReferenceReplacement Replace(AppendableReferenceBuffer& reference,
+                               std::optional<std::size_t> start_index, const SampleMatrix* samples,
+                               std::size_t hold_samples, bool finish);
+  // Steps of the producing thread: the exhaustion test, which a pending replacement overrules;
+  // the resumption before a window; and the queueing of a window, stamped with its plan, unless a
+  // replacement has made it stale.
+  bool ProducerExhausted();
+  void ResumeIfReplaced();
+  void QueueUnlessReplaced(WindowPayload& window);
 
  private:
   void RunInitialPhase();

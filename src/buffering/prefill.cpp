@@ -36,7 +36,7 @@ std::size_t AsyncWindowBuffer::Prefill(std::size_t max_windows) {
   // the windows queued so far, with their statistics.
   std::size_t queued = 0;
   while (queued < max_windows) {
-    if (state.producer->IsExhausted()) break;
+    if (state.ProducerExhausted()) break;
     std::optional<WindowPayload> window = state.ProduceWindow();
     if (!window) break;
     state.QueueWindow(std::move(*window));

@@ -31,6 +31,10 @@ class WindowRing {
     head_ = Next(head_);
     --size_;
   }
+  // The newest window; only when not empty.
+  WindowPayload& back() { return slots_[(head_ + size_ - 1) % slots_.size()]; }
+  // Drops the newest window's place; its slot keeps what it holds now.
+  void pop_back() { --size_; }
   // Puts `window` at the back and leaves in it what the slot held before (storage to reuse, or an
   // empty window).
   void PushSwap(WindowPayload& window) {

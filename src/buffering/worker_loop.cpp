@@ -99,7 +99,7 @@ void AsyncWindowBuffer::Impl::PrepareSessionOnce() {
 // which tests the stop and the exhaustion again.
 void AsyncWindowBuffer::Impl::RunInitialPhase() {
   for (std::size_t queued = 0; queued < prefill_windows; ++queued) {
-    if (producer->IsExhausted()) return;
+    if (ProducerExhausted()) return;
     if (!WaitForRoom()) return;
     if (!ProduceIntoSpare()) return;  // nothing ready: on to the steady phase without yielding
     QueueWindow(std::move(spare));    // spare gets the slot's old storage
@@ -111,7 +111,7 @@ void AsyncWindowBuffer::Impl::RunInitialPhase() {
 void AsyncWindowBuffer::Impl::RunSteadyPhase() {
   while (true) {
     if (StopRequested()) return;
-    if (producer->IsExhausted()) return;
+    if (ProducerExhausted()) return;
     if (!WaitForRoom()) return;
     if (!ProduceIntoSpare()) {
       IdleUntilReady();
@@ -182,6 +182,7 @@ bool AsyncWindowBuffer::Impl::WaitForRoom() {
 // The window production step: one timed ProduceNext() call. A window it yields is validated and
 // charged the larger of the measured time and its own declared compute time.
 std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
+  if (replacement) ResumeIfReplaced();
   const auto t0 = std::chrono::steady_clock::now();
   std::optional<WindowPayload> window = producer->ProduceNext();
   const auto t1 = std::chrono::steady_clock::now();
@@ -193,6 +194,7 @@ std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
 // The worker's production step: as above, the window written into `spare`, through
 // ProduceNextInto where the producer offers it.
 bool AsyncWindowBuffer::Impl::ProduceIntoSpare() {
+  if (replacement) ResumeIfReplaced();
   const auto t0 = std::chrono::steady_clock::now();
   bool produced = false;
   if (recycling != nullptr) {
@@ -228,6 +230,10 @@ void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration
 // left holding the storage of whatever window that slot held last, for the worker to reuse. With
 // a timing log, the window's entry is written in the same lock scope, so a pop always finds it.
 void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
+  if (replacement) {
+    QueueUnlessReplaced(window);
+    return;
+  }
   const auto queued_at =
       timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   {

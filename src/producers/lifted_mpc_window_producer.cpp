@@ -32,6 +32,7 @@ struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
   // The solver, when it can write into a recycled window; else null.
   RecyclingLiftedMpcSolveSession* recycling_solver =
       dynamic_cast<RecyclingLiftedMpcSolveSession*>(solve_session.get());
+  ResumableSolveSession* resumable = nullptr;  // the solver as resumable, when it is and can
 
   bool IsExhausted() const;
   // How many rows the next window applies, or nothing when no reference remains to apply.
@@ -41,6 +42,10 @@ struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
   void SolveWindowAtCursor(std::size_t apply_count, WindowPayload& window);
   // Writes the request for the window of `apply_count` rows at the cursor into `request`.
   void BuildSolveRequest(std::size_t apply_count);
+  // The resume point at reference index `start`: the reference rows before it that the solver
+  // asks for (those still stored), and the command at start - 1.
+  SolveResumePoint ResumePointAt(std::size_t start,
+                                 const std::optional<CommandSample>& previous_command) const;
 };
 
 namespace {
@@ -161,6 +166,19 @@ void AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(std::size_t ap
   window.metadata[kPaddingKey] = request.metadata[kPaddingKey];
 }
 
+SolveResumePoint AppendableLiftedMpcWindowProducer::Impl::ResumePointAt(
+    std::size_t start, const std::optional<CommandSample>& previous_command) const {
+  SolveResumePoint point{start, previous_command, SampleMatrix()};
+  // Rows that a retention has dropped are left out: the solver gets what is still stored.
+  const std::size_t first = std::max(start - std::min(start, resumable->ResumeHistorySamples()),
+                                     reference_buffer->first_retained_sample());
+  if (first < start) {
+    point.reference_before = reference_buffer->WindowWithTerminalPadding(first, start).positions;
+  }
+  return point;
+}
+
+// The solver is asked once whether it can resume: the answer is fixed for its life.
 AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
     std::unique_ptr<LiftedMpcSolveSession> solve_session,
     std::shared_ptr<AppendableReferenceBuffer> reference_buffer, std::size_t apply_samples,
@@ -172,6 +190,8 @@ AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
   impl_ = std::make_unique<Impl>(Impl{std::move(solve_session), std::move(reference_buffer),
                                       apply_samples, lookahead_samples, sample_time_s,
                                       std::to_string(sample_time_s), global_start_index});
+  auto* resumable = dynamic_cast<ResumableSolveSession*>(impl_->solve_session.get());
+  if (resumable != nullptr && resumable->CanResume()) impl_->resumable = resumable;
 }
 
 AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
@@ -231,6 +251,32 @@ std::optional<WindowPayload> AppendableLiftedMpcWindowProducer::Finalize() {
     impl_->finalized = true;
   }
   return std::nullopt;
+}
+
+bool AppendableLiftedMpcWindowProducer::CanResume() const { return impl_->resumable != nullptr; }
+
+std::size_t AppendableLiftedMpcWindowProducer::FirstGlobalIndex() const {
+  return impl_->global_start_index;
+}
+
+// The cursor moves only once the solver has taken the resume point, so a failure leaves the
+// producer where it was.
+void AppendableLiftedMpcWindowProducer::Resume(
+    std::size_t start_index, const std::optional<CommandSample>& previous_command) {
+  if (!impl_->prepared) {
+    throw std::runtime_error("PrepareSession() must run before Resume().");
+  }
+  if (impl_->resumable == nullptr) {
+    throw std::runtime_error("The lifted MPC solve session cannot resume.");
+  }
+  if (start_index < impl_->global_start_index ||
+      start_index - impl_->global_start_index > impl_->reference_buffer->available_samples()) {
+    throw std::invalid_argument("start_index must lie within the stored reference.");
+  }
+  const std::size_t start = start_index - impl_->global_start_index;
+  impl_->resumable->ResumeFrom(impl_->ResumePointAt(start, previous_command));
+  impl_->cursor = start;
+  impl_->reference_buffer->KeepFrom(start);
 }
 
 }  // namespace corvane::control::window

@@ -30,6 +30,7 @@ struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   bool finished = false;   // set by Finish(), never cleared
   std::optional<std::size_t> retention_samples;  // absent: every sample is kept
   std::size_t sample_count = 0;                  // samples stored so far, dropped ones included
+  std::size_t lost_before = 0;  // samples before it were dropped before a replacement shortened it
   std::optional<std::size_t> keep_from;  // first sample a reader has yet to read; absent: none
 
   // The helpers below expect the caller to hold `mutex`.
@@ -54,6 +55,8 @@ struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   AppendedRange StoreBlock(const SampleMatrix& command);
   // Repeats the last sample until `target_samples` are stored; returns how many it added.
   std::size_t HoldLastSampleTo(std::size_t target_samples);
+  // Drops the samples from `start` on and stores the rows of a checked block in their place.
+  AppendedRange ReplaceFrom(std::size_t start, const SampleMatrix& samples);
 };
 
 namespace {
@@ -85,9 +88,11 @@ void GrowStoreTo(SampleMatrix& store, std::size_t samples) {
 
 }  // namespace
 
+// A replacement shortens the stream, but the ring rows of the samples it dropped may already hold
+// newer ones, so what was lost before it stays lost.
 std::size_t AppendableReferenceBuffer::Impl::FirstRetained() const {
-  if (!retention_samples || sample_count <= *retention_samples) return 0;
-  return sample_count - *retention_samples;
+  if (!retention_samples || sample_count <= *retention_samples) return lost_before;
+  return std::max(lost_before, sample_count - *retention_samples);
 }
 
 // The retention keeps the samples from count - retention on, so the mark's sample stays while the
@@ -200,6 +205,33 @@ std::size_t AppendableReferenceBuffer::Impl::HoldLastSampleTo(std::size_t target
   return target_samples - count;
 }
 
+// Every check comes before the first change, so a refused replacement leaves the samples as they
+// were. Without a retention the store shrinks to exactly the samples kept.
+AppendedRange AppendableReferenceBuffer::Impl::ReplaceFrom(std::size_t start,
+                                                           const SampleMatrix& samples) {
+  if (finished) {
+    throw std::runtime_error("Cannot replace reference samples after Finish().");
+  }
+  if (start > sample_count) {
+    throw std::invalid_argument("start_index must not exceed the " + std::to_string(sample_count) +
+                                " stored samples.");
+  }
+  if (start < FirstRetained()) {
+    throw std::invalid_argument("start_index " + std::to_string(start) +
+                                " is before the first retained sample " +
+                                std::to_string(FirstRetained()) + ".");
+  }
+  if (samples.rows() > 0 && joint_count && samples.cols() != ToIndex(*joint_count)) {
+    throw std::invalid_argument("command joint count does not match the appendable buffer.");
+  }
+  CheckKeepsUnread(start + static_cast<std::size_t>(samples.rows()), "samples");
+  lost_before = FirstRetained();
+  if (!retention_samples) GrowStoreTo(positions, start);
+  sample_count = start;
+  if (samples.rows() == 0) return {start, start};
+  return StoreBlock(samples);
+}
+
 AppendableReferenceBuffer::AppendableReferenceBuffer(std::optional<std::size_t> joint_count) {
   if (joint_count.has_value() && *joint_count == 0) {
     throw std::invalid_argument("joint_count must be positive when provided.");
@@ -239,6 +271,20 @@ AppendedRange AppendableReferenceBuffer::AppendReference(const SampleMatrix& com
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     range = impl_->StoreBlock(command);
+  }
+  impl_->cv.notify_all();
+  return range;
+}
+
+AppendedRange AppendableReferenceBuffer::ReplaceReference(std::size_t start_index,
+                                                          const SampleMatrix& samples,
+                                                          bool finish) {
+  if (samples.rows() > 0) CheckCommandBlock(samples);
+  AppendedRange range;
+  {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    range = impl_->ReplaceFrom(start_index, samples);
+    impl_->finished = finish;
   }
   impl_->cv.notify_all();
   return range;
@@ -329,6 +375,11 @@ std::size_t AppendableReferenceBuffer::available_samples() const {
 bool AppendableReferenceBuffer::is_finished() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->finished;
+}
+
+std::size_t AppendableReferenceBuffer::first_retained_sample() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->FirstRetained();
 }
 
 SampleMatrix AppendableReferenceBuffer::PositionsCopy() const {

@@ -3,10 +3,15 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "window/producers.hpp"
+#include "window/replacement.hpp"
 
 namespace corvane::control::window::testing {
 
@@ -36,6 +41,29 @@ class FollowReferenceSolver final : public LiftedMpcSolveSession {
  private:
   std::optional<std::size_t> fail_at_;
   std::size_t solves_ = 0;
+};
+
+// Follows every request and, having no state, resumes anywhere. It records each resume point in
+// `resumes` and calls `on_solve` (when set) as each solve begins, so a test can hold one in flight.
+class ResumableFollowSolver final : public LiftedMpcSolveSession, public ResumableSolveSession {
+ public:
+  explicit ResumableFollowSolver(std::shared_ptr<std::vector<SolveResumePoint>> resumes =
+                                     std::make_shared<std::vector<SolveResumePoint>>(),
+                                 std::function<void()> on_solve = {})
+      : resumes_(std::move(resumes)), on_solve_(std::move(on_solve)) {}
+  void Prepare() override {}
+  WindowPayload Solve(const WindowSlice& request) override {
+    if (on_solve_) on_solve_();
+    return FollowReference(request);
+  }
+  void Finalize() override {}
+  bool CanResume() const override { return true; }
+  std::size_t ResumeHistorySamples() const override { return 0; }
+  void ResumeFrom(const SolveResumePoint& point) override { resumes_->push_back(point); }
+
+ private:
+  std::shared_ptr<std::vector<SolveResumePoint>> resumes_;
+  std::function<void()> on_solve_;
 };
 
 }  // namespace corvane::control::window::testing

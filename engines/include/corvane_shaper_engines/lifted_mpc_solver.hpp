@@ -23,6 +23,7 @@
 #include <Eigen/Core>
 #include <native/export.hpp>
 #include <window/producers.hpp>
+#include <window/replacement.hpp>
 
 namespace corvane::control::engines {
 
@@ -35,9 +36,11 @@ struct LiftedMpcWeights {
 // A lifted-MPC solve session for independent double-integrator joints: each request's positions
 // are tracked by a quadratic cost on tracking error, acceleration and its change, whose gains are
 // cached per horizon. Through SolveInto it reuses the storage of an earlier answer and its own
-// working matrices, so that a steady stream of requests of one shape allocates nothing.
-class CORVANE_EXPORT LiftedMpcSolver final
-    : public control::window::RecyclingLiftedMpcSolveSession {
+// working matrices, so that a steady stream of requests of one shape allocates nothing. It
+// resumes from the command of any sample: its state is the position, velocity and acceleration
+// of the last applied row.
+class CORVANE_EXPORT LiftedMpcSolver final : public control::window::RecyclingLiftedMpcSolveSession,
+                                             public control::window::ResumableSolveSession {
  public:
   // sample_time_s: [s] the period of the request rows, finite and positive.
   // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
@@ -63,6 +66,16 @@ class CORVANE_EXPORT LiftedMpcSolver final
                  control::window::WindowPayload& window) override;
   // Ends the session and forgets the carried state.
   void Finalize() override;
+
+  // Always true.
+  bool CanResume() const override;
+  // 0: the solver needs no reference before the join.
+  std::size_t ResumeHistorySamples() const override;
+  // Carries on from the previous command's position, velocity and acceleration (those it lacks
+  // read as 0), or, without one, starts afresh as after Prepare(). Throws std::invalid_argument
+  // when the previous command's rows are not all of one joint count, or differ from the
+  // session's.
+  void ResumeFrom(const control::window::SolveResumePoint& point) override;
 
  private:
   // The joints' state after the last applied sample; one column per joint.

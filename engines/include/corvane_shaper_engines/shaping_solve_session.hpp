@@ -7,6 +7,7 @@
 #include <native/export.hpp>
 #include <window/producers.hpp>
 #include <window/records.hpp>
+#include <window/replacement.hpp>
 
 #include "corvane_shaper_engines/impulse_sequence.hpp"
 
@@ -14,8 +15,6 @@ namespace corvane::control::engines {
 
 // The shaper as a filter on sampled references, internal to the library.
 class ShapingTaps;
-// The reference rows that an online shaping stage keeps, internal to the library.
-class ReferenceHistory;
 
 // A solver session that shapes each request's reference with an input shaper before handing it
 // to the solver it wraps. The shaping is causal and keeps the reference history it needs across
@@ -25,8 +24,10 @@ class ReferenceHistory;
 // reference comes late, the applied rows of the shaped stream equal ShapeSamples() of the whole
 // stored reference; when some does, they equal ShapeSamples() of the stored reference with its
 // held samples. To let the shaped motion come to rest, append ShaperSamples() copies of the last
-// sample before finishing the reference.
-class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedMpcSolveSession {
+// sample before finishing the reference. After a replacement it resumes from the reference rows
+// before the join, so the shaped stream equals ShapeSamples() of the spliced reference.
+class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedMpcSolveSession,
+                                                 public control::window::ResumableSolveSession {
  public:
   // solver: the session that receives the shaped requests, never null. shaper: a valid impulse
   // sequence. sample_time_s: [s] the period of the request rows, finite and positive.
@@ -48,18 +49,37 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   // Finalizes the wrapped solver.
   void Finalize() override;
 
-  // Takes the other session's state; the other holds none afterwards.
-  ShapingSolveSession(ShapingSolveSession&& other) noexcept;
-  // Takes the other session's state and drops the state held before.
-  ShapingSolveSession& operator=(ShapingSolveSession&& other) noexcept;
-  ~ShapingSolveSession() override;
+  // Whether the wrapped solver implements ResumableSolveSession and can resume.
+  bool CanResume() const override;
+  // The rows the shaper reads before a row, plus those the wrapped solver asks for.
+  std::size_t ResumeHistorySamples() const override;
+  // Takes the reference rows before the join as the history, so that the next request, which
+  // must start at point.start_index, is shaped as if the stream had always run through them;
+  // then resumes the wrapped solver with the same point. Throws std::runtime_error when the
+  // wrapped solver cannot resume, and std::invalid_argument when the history's joint count
+  // differs from the session's; the wrapped solver's exceptions pass through.
+  void ResumeFrom(const control::window::SolveResumePoint& point) override;
 
  private:
+  // Throws unless the request continues the history (see Solve).
+  void CheckContinues(const control::window::WindowSlice& request) const;
+  // The request's positions shaped, reading the history before them.
+  control::window::SampleMatrix ShapedPositions(const control::window::WindowSlice& request) const;
+  // Makes the request's applied rows history, keeping what the next request may read.
+  void Remember(const control::window::WindowSlice& request, Eigen::Index apply);
+  // Reference rows that the shaper reads before a row.
+  std::size_t history_rows() const { return static_cast<std::size_t>(history_rows_); }
+
   std::unique_ptr<control::window::LiftedMpcSolveSession> solver_;
   ImpulseSequence shaper_;
   double sample_time_s_;
   std::shared_ptr<const ShapingTaps> taps_;  // the shaper as a filter, built once
-  std::unique_ptr<ReferenceHistory> history_;
+  Eigen::Index history_rows_ = 0;
+  bool started_ = false;                   // a request has been solved since Prepare()
+  control::window::SampleMatrix history_;  // reference rows [history_start_, history_stop_)
+  std::size_t history_start_ = 0;          // reference index of history_'s first row
+  std::size_t history_stop_ = 0;           // one past the last applied row
+  std::size_t previous_start_ = 0;         // start of the last solved request
 };
 
 }  // namespace corvane::control::engines

@@ -2,10 +2,7 @@
 // the engines' API, called in order by BindEngines.
 #pragma once
 
-#include <utility>
-
 #include "module.hpp"
-#include "producers.hpp"
 #include "waits.hpp"
 
 namespace corvane::control::engines {}
@@ -36,26 +33,6 @@ void BindSampling(py::module_& engines);
 // ShapeSamples with a schedule and ScheduledShapingSession.
 void BindModes(py::module_& engines);
 
-// An online shaping stage of the engines (Stage: ShapingSolveSession or ScheduledShapingSession,
-// built from a solver, a Design and a period) as Python builds it: it adopts the solver object it
-// wraps and notes it, so that the garbage collector sees that hold.
-template <class Stage, class Design>
-class AdoptingStage final : public cw::LiftedMpcSolveSession {
- public:
-  AdoptingStage(const py::object& solver, Design design, double sample_time_s)
-      : stage_(AdoptSolveSession(solver, "solver"), std::move(design), sample_time_s),
-        solver_(solver) {}
-
-  void Prepare() override { stage_.Prepare(); }
-  cw::WindowPayload Solve(const cw::WindowSlice& request) override { return stage_.Solve(request); }
-  void Finalize() override { stage_.Finalize(); }
-
-  static py::handle Held(const AdoptingStage& stage) { return stage.solver_; }
-
- private:
-  Stage stage_;
-  py::handle solver_;  // kept alive by stage_
-};
 
 // `function` as Python calls it: with the GIL released while it computes, its arguments
 // converted before and its result after.

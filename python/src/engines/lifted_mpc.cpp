@@ -53,7 +53,13 @@ void BindLiftedMpc(py::module_& engines) {
           "positions, velocities, accelerations, times, range and compute time; its metadata is "
           "left as it is. Raises as Solve does.")
       .def("Finalize", OwnedMethod(&Solver::Finalize),
-           "Ends the session and forgets the carried state.");
+           "Ends the session and forgets the carried state.")
+      .def("ResumeHistorySamples", OwnedMethod(&Solver::ResumeHistorySamples),
+           "0: the solver needs no reference before a join.")
+      .def("ResumeFrom", OwnedMethod(&Solver::ResumeFrom), py::arg("point"),
+           "Carries on from the SolveResumePoint's previous command (position, velocity and "
+           "acceleration; those it lacks read as 0), or starts afresh without one. Raises "
+           "ValueError when the command's rows do not hold one finite value per joint.");
 }
 
 }  // namespace corvane::python

@@ -19,8 +19,27 @@ namespace corvane::python {
 
 namespace {
 
-// The schedule, a Python callable, is called with the GIL taken.
-using ScheduledSession = AdoptingStage<ce::ScheduledShapingSession, ce::ShaperSchedule>;
+// The scheduled shaping stage as Python builds it: it also notes the solver object it wraps, so
+// that the garbage collector sees that hold. Its schedule, a Python callable, is called with the
+// GIL taken.
+class ScheduledSession final : public cw::LiftedMpcSolveSession {
+ public:
+  ScheduledSession(const py::object& solver, ce::ShaperSchedule schedule, double sample_time_s)
+      : session_(AdoptSolveSession(solver, "solver"), std::move(schedule), sample_time_s),
+        solver_(solver) {}
+
+  void Prepare() override { session_.Prepare(); }
+  cw::WindowPayload Solve(const cw::WindowSlice& request) override {
+    return session_.Solve(request);
+  }
+  void Finalize() override { session_.Finalize(); }
+
+  static py::handle Held(const ScheduledSession& session) { return session.solver_; }
+
+ private:
+  ce::ScheduledShapingSession session_;
+  py::handle solver_;  // kept alive by session_
+};
 
 void BindModeRecords(py::module_& engines) {
   RecordClass<ce::ModeBand>(engines, "ModeBand",

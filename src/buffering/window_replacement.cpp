@@ -1,0 +1,248 @@
+// The replacement of the unplayed reference: the caller's three steps (take the tail out behind a
+// fence, replace the reference, commit or put the tail back) and the producing thread's part
+// (resume, stamp the plan, drop what a replacement made stale).
+//
+// No producer call and no reference call happens under the buffer's lock, and the buffer's lock
+// and the reference's lock are never held together. Only the serial lock of the replacements is
+// held across the steps.
+#include <deque>
+#include <list>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "buffering/async_window_buffer_impl.hpp"
+
+namespace corvane::control::window {
+namespace {
+
+// What the first step took out of the queue, to be discarded or put back.
+struct HeldTail {
+  std::size_t start_index = 0;                    // first sample replaced
+  std::size_t resume_index = 0;                   // first sample produced again
+  std::size_t produced_stop = 0;                  // the end of production before the step
+  std::optional<CommandSample> previous_command;  // the command at resume_index - 1
+  std::deque<WindowPayload> windows;              // queued windows holding start_index or later
+  std::list<JoinPoint> joins;                     // their last rows
+};
+
+CommandSample LastRow(const WindowPayload& window) {
+  const Eigen::Index last = window.positions.rows() - 1;
+  CommandSample command{window.positions.row(last), std::nullopt, std::nullopt};
+  if (window.velocities) command.velocities = window.velocities->row(last);
+  if (window.accelerations) command.accelerations = window.accelerations->row(last);
+  return command;
+}
+
+// Drops the join points that no replacement can resume after any more: those before the end of
+// the last window handed out. They move to `dropped`, to be freed after the lock is released.
+void PruneJoins(ReplacementState& state, std::size_t earliest, std::list<JoinPoint>& dropped) {
+  auto first_kept = state.joins.begin();
+  while (first_kept != state.joins.end() && first_kept->stop_index < earliest) ++first_kept;
+  dropped.splice(dropped.end(), state.joins, state.joins.begin(), first_kept);
+}
+
+// Step one, under the buffer's lock: checks the index and takes the queued windows from it on out
+// of the queue. Windows before start_index stay queued and may still be popped.
+HeldTail TakeTail(ReplacementState& state, WindowRing& queue,
+                  std::optional<std::size_t> start_index) {
+  const std::size_t earliest = state.Earliest(queue);
+  HeldTail held;
+  held.start_index = start_index.value_or(earliest);
+  if (held.start_index < earliest) {
+    throw std::invalid_argument("start_index must be at least the earliest replaceable index " +
+                                std::to_string(earliest) + ".");
+  }
+  while (!queue.empty() && queue.back().stop_index > held.start_index) {
+    held.windows.push_front(std::move(queue.back()));
+    queue.pop_back();
+  }
+  held.produced_stop = state.produced_stop;
+  held.resume_index = held.windows.empty() ? state.produced_stop : held.windows.front().start_index;
+  auto first_held = state.joins.begin();
+  while (first_held != state.joins.end() && first_held->stop_index <= held.resume_index) {
+    if (first_held->stop_index == held.resume_index) held.previous_command = first_held->command;
+    ++first_held;
+  }
+  held.joins.splice(held.joins.end(), state.joins, first_held, state.joins.end());
+  state.produced_stop = held.resume_index;
+  state.fenced = true;
+  return held;
+}
+
+// Step three after a refusal, under the buffer's lock: everything goes back as it was.
+void PutTailBack(ReplacementState& state, WindowRing& queue, HeldTail& held) {
+  for (WindowPayload& window : held.windows) queue.PushSwap(window);
+  state.joins.splice(state.joins.end(), held.joins);
+  state.produced_stop = held.produced_stop;
+  state.fenced = false;
+}
+
+// Step three after success, under the buffer's lock: the tail is discarded and the worker is
+// told where to resume.
+ReferenceReplacement CommitTail(ReplacementState& state, HeldTail& held, std::size_t stop_index) {
+  ++state.plan;
+  state.pending = PendingResume{held.resume_index, std::move(held.previous_command), state.plan};
+  state.fenced = false;
+  state.totals.replacements = state.plan;
+  state.totals.discarded_windows += held.windows.size();
+  for (const JoinPoint& join : held.joins) {
+    state.totals.discarded_compute_time_s += join.charged_s;
+    state.totals.discarded_duration_s += join.duration_s;
+  }
+  return {held.start_index, stop_index, held.resume_index, held.windows.size(), state.plan};
+}
+
+// The samples of a smooth stop: the last command, or before any the first reference sample, held.
+SampleMatrix HeldCommand(const AppendableReferenceBuffer& reference,
+                         const std::optional<CommandSample>& previous_command,
+                         std::size_t hold_samples) {
+  if (previous_command) {
+    return previous_command->positions.replicate(static_cast<Eigen::Index>(hold_samples), 1);
+  }
+  if (reference.available_samples() == 0) {
+    throw std::invalid_argument("StopSmoothly() needs a first reference sample.");
+  }
+  return reference.WindowWithTerminalPadding(0, hold_samples).positions;
+}
+
+}  // namespace
+
+void AsyncWindowBuffer::Impl::EnableReplacement() {
+  auto* resumable = dynamic_cast<ResumableWindowProducer*>(producer.get());
+  if (resumable == nullptr || !resumable->CanResume()) return;
+  replacement = std::make_unique<ReplacementState>(*resumable, resumable->FirstGlobalIndex());
+}
+
+ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer& reference,
+                                                      std::optional<std::size_t> start_index,
+                                                      const SampleMatrix* samples,
+                                                      std::size_t hold_samples, bool finish) {
+  ReplacementState& state = *replacement;
+  std::lock_guard<std::mutex> serial(state.serial);
+  HeldTail held;
+  {
+    auto lock = Lock();
+    if (stop_requested || producer_finished || state.closed) {
+      throw std::runtime_error("ReplaceReference() cannot run once the worker has ended.");
+    }
+    held = TakeTail(state, queue, start_index);
+  }
+
+  AppendedRange range;
+  try {
+    const std::size_t first = state.producer.FirstGlobalIndex();
+    range = samples != nullptr
+                ? reference.ReplaceReference(held.start_index - first, *samples, finish)
+                : reference.ReplaceReference(
+                      held.start_index - first,
+                      HeldCommand(reference, held.previous_command, hold_samples), true);
+    range.stop_index += first;
+    reference.KeepFrom(held.resume_index - first);  // the worker reads again from there
+  } catch (...) {
+    {
+      auto lock = Lock();
+      PutTailBack(state, queue, held);
+    }
+    cv.notify_all();
+    throw;
+  }
+
+  ReferenceReplacement result;
+  {
+    auto lock = Lock();
+    result = CommitTail(state, held, range.stop_index);
+    ready_raised = true;  // a worker asleep for want of a window has one to make now
+  }
+  cv.notify_all();
+  return result;  // the discarded windows are freed here, without the lock
+}
+
+// A replacement that is between its steps may yet move the producer back, so the producing
+// thread waits for it; one that is pending does move it back. Once the worker leaves (Prefill
+// leaves the worker to come), replacements are refused.
+bool AsyncWindowBuffer::Impl::ProducerExhausted() {
+  if (!producer->IsExhausted()) return false;
+  if (!replacement) return true;
+  auto lock = Lock();
+  cv.wait(lock, [this] { return !replacement->fenced || stop_requested; });
+  const bool exhausted = !replacement->pending.has_value();
+  replacement->closed = exhausted && started;
+  return exhausted;
+}
+
+void AsyncWindowBuffer::Impl::ResumeIfReplaced() {
+  std::optional<PendingResume> pending;
+  {
+    auto lock = Lock();
+    pending.swap(replacement->pending);
+  }
+  if (!pending) return;
+  replacement->adopted_plan = pending->plan;
+  replacement->producer.Resume(pending->start_index, pending->previous_command);
+}
+
+// The plan is stamped and what the join point needs is allocated before the lock is taken, and
+// what pruning drops is freed after it has been released. A window produced for a plan that has
+// moved on is discarded; one queued leaves `window` with the slot's old storage, as QueueWindow.
+void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload& window) {
+  ReplacementState& state = *replacement;
+  if (state.adopted_plan > 0) {
+    window.metadata[kReplacementsMetadataKey] = std::to_string(state.adopted_plan);
+  }
+  std::list<JoinPoint> join;
+  join.push_back(JoinPoint{window.stop_index, LastRow(window), production.compute_time_s,
+                           production.duration_s});
+  const auto queued_at =
+      timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
+  std::list<JoinPoint> dropped;
+  {
+    auto lock = Lock();
+    cv.wait(lock, [&state, this] { return !state.fenced || stop_requested; });
+    if (state.fenced || state.adopted_plan != state.plan) {
+      ++state.totals.discarded_windows;
+      state.totals.discarded_compute_time_s += production.compute_time_s;
+      state.totals.discarded_duration_s += production.duration_s;
+      return;
+    }
+    state.produced_stop = window.stop_index;
+    queue.PushSwap(window);
+    if (timing) RecordQueueTiming(queued_at);
+    state.joins.splice(state.joins.end(), join);
+    PruneJoins(state, state.Earliest(queue), dropped);
+  }
+  cv.notify_all();
+}
+
+ReferenceReplacement AppendableWindowBuffer::ReplaceReference(std::size_t start_index,
+                                                              const SampleMatrix& samples,
+                                                              bool finish) {
+  if (!impl_->replacement) {
+    throw std::runtime_error("ReplaceReference() needs a producer that can resume.");
+  }
+  return impl_->Replace(*reference_buffer_, start_index, &samples, 0, finish);
+}
+
+ReferenceReplacement AppendableWindowBuffer::StopSmoothly(std::size_t hold_samples) {
+  if (hold_samples == 0) throw std::invalid_argument("hold_samples must be positive.");
+  if (!impl_->replacement) {
+    throw std::runtime_error("StopSmoothly() needs a producer that can resume.");
+  }
+  return impl_->Replace(*reference_buffer_, std::nullopt, nullptr, hold_samples, true);
+}
+
+std::size_t AppendableWindowBuffer::EarliestReplaceableIndex() const {
+  if (!impl_->replacement) {
+    throw std::runtime_error("EarliestReplaceableIndex() needs a producer that can resume.");
+  }
+  auto lock = impl_->Lock();
+  return impl_->replacement->Earliest(impl_->queue);
+}
+
+ReplacementTotals AppendableWindowBuffer::Replacements() const {
+  if (!impl_->replacement) return {};
+  auto lock = impl_->Lock();
+  return impl_->replacement->totals;
+}
+
+}  // namespace corvane::control::window
