@@ -33,7 +33,6 @@ void BindSampling(py::module_& engines);
 // ShapeSamples with a schedule and ScheduledShapingSession.
 void BindModes(py::module_& engines);
 
-
 // `function` as Python calls it: with the GIL released while it computes, its arguments
 // converted before and its result after.
 template <class Result, class... Args>
