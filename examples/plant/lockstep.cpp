@@ -4,6 +4,7 @@
 #include <memory>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 #include <corvane_shaper_engines/shaping_solve_session.hpp>
@@ -78,27 +79,38 @@ class BlockPlanner {
   std::optional<Eigen::Index> late_due_;  // pops after which the held-back block comes
 };
 
+// Row k of a window's optional series, or zeros without one.
+Eigen::RowVectorXd RowOrZero(const std::optional<cw::SampleMatrix>& series, Eigen::Index k) {
+  return series ? Eigen::RowVectorXd(series->row(k)) : Eigen::RowVectorXd::Zero(kArmJoints);
+}
+
 // The played samples, gathered row by row.
 class Recorder {
  public:
-  void Record(const Eigen::RowVectorXd& command, const FlexibleArm& arm) {
-    commands_.push_back(command);
+  // Records row k of the window, just played, and the arm's state after it.
+  void Record(const cw::WindowPayload& window, Eigen::Index k, const FlexibleArm& arm) {
+    commands_.push_back(window.positions.row(k));
+    velocities_.push_back(RowOrZero(window.velocities, k));
+    accelerations_.push_back(RowOrZero(window.accelerations, k));
     joints_.push_back(arm.JointPositions());
     deflection_.push_back(arm.Deflection());
   }
   void MoveInto(LockstepRun& run) const {
     const auto rows = static_cast<Eigen::Index>(commands_.size());
-    run.command.resize(rows, kArmJoints);
-    run.joints.resize(rows, kArmJoints);
     run.deflection = Eigen::Map<const Eigen::VectorXd>(deflection_.data(), rows);
-    for (Eigen::Index k = 0; k < rows; ++k) {
-      run.command.row(k) = commands_[static_cast<std::size_t>(k)];
-      run.joints.row(k) = joints_[static_cast<std::size_t>(k)];
+    for (auto [to, from] : {std::pair{&run.command, &commands_},
+                            {&run.velocity, &velocities_},
+                            {&run.acceleration, &accelerations_},
+                            {&run.joints, &joints_}}) {
+      to->resize(rows, kArmJoints);
+      for (Eigen::Index k = 0; k < rows; ++k) to->row(k) = (*from)[static_cast<std::size_t>(k)];
     }
   }
 
  private:
   std::vector<Eigen::RowVectorXd> commands_;
+  std::vector<Eigen::RowVectorXd> velocities_;
+  std::vector<Eigen::RowVectorXd> accelerations_;
   std::vector<Eigen::RowVectorXd> joints_;
   std::vector<double> deflection_;
 };
@@ -117,6 +129,19 @@ std::unique_ptr<cw::LiftedMpcSolveSession> Solver(const std::optional<cs::Impuls
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
                         const std::optional<cs::ImpulseSequence>& shaper, StreamShape shape,
                         double compute_fraction_limit) {
+  const PlannerFactory blocks = [&](cw::AppendableWindowBuffer& buffer,
+                                    cw::AppendableReferenceBuffer& stored, LockstepRun& run) {
+    auto planner = std::make_shared<BlockPlanner>(buffer, stored, plan, shape, run);
+    return BeforePop([planner](Eigen::Index popped) { planner->BeforePop(popped); });
+  };
+  return RunLockstep(arm, plan.front().positions.row(0), blocks, shaper, shape,
+                     compute_fraction_limit);
+}
+
+LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
+                        const PlannerFactory& make_planner,
+                        const std::optional<cs::ImpulseSequence>& shaper, StreamShape shape,
+                        double compute_fraction_limit) {
   const auto started = std::chrono::steady_clock::now();
   const double h = arm.sample_time_s();
   auto stored = std::make_shared<cw::AppendableReferenceBuffer>(kArmJoints);
@@ -127,29 +152,27 @@ LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
                                     stored, kPrefillWindows,
                                     static_cast<std::size_t>(shape.queue_windows));
   LockstepRun run;
-  BlockPlanner planner(buffer, *stored, plan, shape, run);
+  const BeforePop before_pop = make_planner(buffer, *stored, run);
   Recorder recorder;
-  arm.Rest(plan.front().positions.row(0));
-  planner.BeforePop(0);
+  arm.Rest(rest_pose);
+  before_pop(0);
   buffer.Start();
   for (Eigen::Index popped = 0;; ++popped) {
-    planner.BeforePop(popped);
+    before_pop(popped);
     const std::optional<cw::WindowPayload> window = buffer.Pop(kStallTimeout);
     if (!window) {
       if (buffer.IsComplete()) break;
       throw std::runtime_error("No window arrived within 5 s.");
     }
     for (Eigen::Index k = 0; k < window->positions.rows(); ++k) {
-      const Eigen::RowVectorXd velocity = window->velocities
-                                              ? Eigen::RowVectorXd(window->velocities->row(k))
-                                              : Eigen::RowVectorXd::Zero(kArmJoints);
-      arm.Play(window->positions.row(k), velocity);
-      recorder.Record(window->positions.row(k), arm);
+      arm.Play(window->positions.row(k), RowOrZero(window->velocities, k));
+      recorder.Record(*window, k, arm);
     }
   }
   recorder.MoveInto(run);
   run.reference = buffer.ReferencePositions();
   run.qualification = buffer.Qualify(compute_fraction_limit);
+  run.replacements = buffer.Replacements();
   run.wall_time_s =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   return run;

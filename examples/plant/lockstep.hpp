@@ -9,6 +9,7 @@
 // results are therefore the same on every run, however the threads are scheduled.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include <corvane_shaper_engines/impulse_sequence.hpp>
 #include <window/async_buffer.hpp>
 #include <window/records.hpp>
+#include <window/reference_buffer.hpp>
 
 #include "plant/flexible_arm.hpp"
 #include "plant/residual_vibration.hpp"
@@ -40,13 +42,16 @@ struct StreamShape {
 
 // What a lockstep run played and what the arm did; a row or entry a sample.
 struct LockstepRun {
-  control::window::SampleMatrix reference;  // [rad] the stored reference, held samples included
-  control::window::SampleMatrix command;    // [rad] servo targets played
-  control::window::SampleMatrix joints;     // [rad] joint angles at the end of each sample
-  Eigen::VectorXd deflection;               // [rad] payload deflection at the end of each sample
-  std::vector<SampleSpan> holds;            // samples of the reference the producer held
-  std::vector<SampleSpan> moves;            // where each block's move lies in the reference
+  control::window::SampleMatrix reference;     // [rad] the stored reference, held samples included
+  control::window::SampleMatrix command;       // [rad] servo targets played
+  control::window::SampleMatrix velocity;      // [rad/s] the windows' velocities (0 where absent)
+  control::window::SampleMatrix acceleration;  // [rad/s^2] their accelerations (0 where absent)
+  control::window::SampleMatrix joints;        // [rad] joint angles at the end of each sample
+  Eigen::VectorXd deflection;                  // [rad] payload deflection at the end of each sample
+  std::vector<SampleSpan> holds;               // samples of the reference the producer held
+  std::vector<SampleSpan> moves;               // where each block's move lies in the reference
   control::window::QualificationReport qualification;
+  control::window::ReplacementTotals replacements;  // what the planner's replacements discarded
   double wall_time_s = 0.0;  // [s] steady-clock time of the run, for its speed only
 };
 
@@ -55,6 +60,22 @@ struct LockstepRun {
 // stream at compute_fraction_limit. Throws std::runtime_error when no window comes for 5 s, and
 // passes on the buffer's failures.
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
+                        const std::optional<control::engines::ImpulseSequence>& shaper,
+                        StreamShape shape, double compute_fraction_limit);
+
+// The planning half of a lockstep loop: called with 0 before the buffer starts, then before each
+// pop with the windows popped so far.
+using BeforePop = std::function<void(Eigen::Index popped)>;
+// Makes the planning half of a run from the run's buffer, the reference stored behind it and the
+// run it may record into.
+using PlannerFactory =
+    std::function<BeforePop(control::window::AppendableWindowBuffer&,
+                            control::window::AppendableReferenceBuffer&, LockstepRun&)>;
+
+// The same loop with a planner of the caller's, the arm starting at rest on rest_pose [rad].
+// Throws as RunLockstep does, and passes on what the planner throws.
+LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
+                        const PlannerFactory& make_planner,
                         const std::optional<control::engines::ImpulseSequence>& shaper,
                         StreamShape shape, double compute_fraction_limit);
 
