@@ -1,5 +1,5 @@
-"""Builds the corvane_window module, its stubs and the two libraries it links, with CMake, for
-the Python that runs this script (pip install --no-build-isolation .)."""
+"""Builds the corvane_window module, its stubs and the libraries it links, with CMake, for the
+Python that runs this script (pip install --no-build-isolation .)."""
 import pathlib
 import re
 import subprocess

@@ -1,10 +1,13 @@
 # Type stubs of the corvane_window module: the names editors complete and type checkers check.
+# They lie beside the module as corvane_window/__init__.pyi, with the submodule's engines.pyi.
 import datetime
 import enum
 from typing import Optional, Sequence, overload
 
 import numpy as np
 import numpy.typing as npt
+
+from . import engines as engines
 
 __version__: str
 
@@ -145,6 +148,39 @@ class AppendableReferenceBuffer:
     def available_samples(self) -> int: ...
     def is_finished(self) -> bool: ...
     def PositionsCopy(self) -> Array: ...
+    def ReplaceReference(self, start_index: int, samples: ArrayLike,
+                         finish: bool = False) -> AppendedRange: ...
+
+class CommandSample:
+    positions: Array
+    velocities: Optional[Array]
+    accelerations: Optional[Array]
+    def __init__(self, positions: ArrayLike = ..., velocities: Optional[ArrayLike] = None,
+                 accelerations: Optional[ArrayLike] = None) -> None: ...
+
+class SolveResumePoint:
+    start_index: int
+    previous_command: Optional[CommandSample]
+    reference_before: Array
+    def __init__(self, *, start_index: int = ..., reference_before: ArrayLike = ...) -> None: ...
+
+class ReferenceReplacement:
+    start_index: int
+    stop_index: int
+    resume_index: int
+    discarded_windows: int
+    replacements: int
+    def __init__(self, *, start_index: int = ..., stop_index: int = ..., resume_index: int = ...,
+                 discarded_windows: int = ..., replacements: int = ...) -> None: ...
+
+class ReplacementTotals:
+    replacements: int
+    discarded_windows: int
+    discarded_compute_time_s: float
+    discarded_duration_s: float
+    def __init__(self, *, replacements: int = ..., discarded_windows: int = ...,
+                 discarded_compute_time_s: float = ...,
+                 discarded_duration_s: float = ...) -> None: ...
 
 class WindowProducerSession:
     def __init__(self) -> None: ...
@@ -174,6 +210,9 @@ class LiftedMpcSolveSession:
     def Prepare(self) -> None: ...
     def Solve(self, request: WindowSlice) -> WindowPayload: ...
     def Finalize(self) -> None: ...
+    # Optional: a solver that implements ResumeFrom can resume after a replacement.
+    def ResumeFrom(self, point: SolveResumePoint) -> None: ...
+    def ResumeHistorySamples(self) -> int: ...
 
 class AppendableLiftedMpcWindowProducer(WindowProducerSession):
     def __init__(self, solve_session: LiftedMpcSolveSession,
@@ -223,3 +262,8 @@ class AppendableWindowBuffer(AsyncWindowBuffer):
     def Finish(self) -> None: ...
     def ReferencePositions(self) -> Array: ...
     def AvailableReferenceSamples(self) -> int: ...
+    def ReplaceReference(self, start_index: int, samples: ArrayLike,
+                         finish: bool = False) -> ReferenceReplacement: ...
+    def EarliestReplaceableIndex(self) -> int: ...
+    def StopSmoothly(self, hold_samples: int) -> ReferenceReplacement: ...
+    def Replacements(self) -> ReplacementTotals: ...

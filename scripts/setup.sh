@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake g++ make libeigen3-dev libgtest-dev libgmock-dev libbenchmark-dev gnuplot-nox
-  libmujoco-dev
+  libmujoco-dev libmsgpack-cxx-dev
   clang libclang-rt-14-dev
   doxygen dpkg-dev file
   pybind11-dev python3-dev python3-numpy python3-pytest python3-matplotlib

@@ -95,6 +95,11 @@ Eigen::VectorXd VectorFrom(py::handle value, const char* field) {
   return Eigen::Map<const Eigen::VectorXd>(array.data(), array.shape(0));
 }
 
+std::vector<double> NumbersFrom(py::handle value, const char* field) {
+  const Eigen::VectorXd numbers = VectorFrom(value, field);
+  return {numbers.begin(), numbers.end()};
+}
+
 py::object ReadOnlyView(const cw::SampleMatrix& value, py::handle owner) {
   return View(value.data(), {value.rows(), value.cols()}, owner);
 }
@@ -103,9 +108,15 @@ py::object ReadOnlyView(const Eigen::VectorXd& value, py::handle owner) {
   return View(value.data(), {value.size()}, owner);
 }
 
+py::object ReadOnlyView(const std::vector<double>& value, py::handle owner) {
+  return View(value.data(), {static_cast<py::ssize_t>(value.size())}, owner);
+}
+
 void Retire(cw::SampleMatrix& value) { RetireStorage(value); }
 
 void Retire(Eigen::VectorXd& value) { RetireStorage(value); }
+
+void Retire(std::vector<double>& value) { RetireStorage(value); }
 
 void Retire(cw::TaskSpaceShapedTrajectory& value) {
   for (cw::SampleMatrix* matrix :
@@ -115,6 +126,11 @@ void Retire(cw::TaskSpaceShapedTrajectory& value) {
   }
   Retire(value.orientations);
   Retire(value.time_s);
+}
+
+void Retire(control::engines::ImpulseSequence& value) {
+  Retire(value.amplitudes);
+  Retire(value.times_s);
 }
 
 }  // namespace corvane::python

@@ -116,13 +116,28 @@ class PythonHandle final : public PythonOverrides<cw::TrajectoryWindowHandle> {
   void Finalize() override { Call<void>("Finalize"); }
 };
 
-class PythonSolveSession final : public PythonOverrides<cw::LiftedMpcSolveSession> {
+// A subclass that implements ResumeFrom(point), and ResumeHistorySamples() when it needs
+// reference before the join, can resume after a replacement.
+class PythonSolveSession final : public PythonOverrides<cw::LiftedMpcSolveSession>,
+                                 public cw::ResumableSolveSession {
  public:
   void Prepare() override { Call<void>("Prepare"); }
   cw::WindowPayload Solve(const cw::WindowSlice& request) override {
     return Call<cw::WindowPayload>("Solve", request);
   }
   void Finalize() override { Call<void>("Finalize"); }
+  bool CanResume() const override { return Implements("ResumeFrom"); }
+  std::size_t ResumeHistorySamples() const override {
+    return Implements("ResumeHistorySamples") ? Call<std::size_t>("ResumeHistorySamples") : 0;
+  }
+  void ResumeFrom(const cw::SolveResumePoint& point) override { Call<void>("ResumeFrom", point); }
+
+ private:
+  bool Implements(const char* name) const {
+    py::gil_scoped_acquire gil;
+    return static_cast<bool>(
+        py::get_override(static_cast<const cw::LiftedMpcSolveSession*>(this), name));
+  }
 };
 
 // The Python objects that an adapter holds for the library now; changed only with the GIL held.
@@ -131,13 +146,16 @@ std::unordered_set<PyObject*>& TakenObjects() {
   return taken;
 }
 
-// Raises RuntimeError when the library holds `object`: only its owner may call it.
+}  // namespace
+
 void CheckNotTaken(py::handle object) {
   if (TakenObjects().count(object.ptr()) != 0) {
     throw std::runtime_error("This " + TypeName(object) +
                              " belongs to a buffer or producer; only its owner may use it.");
   }
 }
+
+namespace {
 
 // Keeps a Python object, and with it the C++ object inside, alive, and marks it as taken for
 // as long; lets go of it with the GIL held, from whichever thread deletes the owner.
@@ -163,13 +181,31 @@ class Owned {
   py::object object_;
 };
 
-class OwnedProducer final : public cw::WindowProducerSession {
+// The owned object seen through a second interface that it may implement, or null.
+template <class Second, class Interface>
+Second* AlsoA(const Owned<Interface>& owned) {
+  return dynamic_cast<Second*>(owned.operator->());
+}
+
+// Resumable when the producer it owns is.
+class OwnedProducer final : public cw::WindowProducerSession, public cw::ResumableWindowProducer {
  public:
   explicit OwnedProducer(py::object producer) : producer_(std::move(producer)) {}
   void PrepareSession() override { producer_->PrepareSession(); }
   std::optional<cw::WindowPayload> ProduceNext() override { return producer_->ProduceNext(); }
   bool IsExhausted() const override { return producer_->IsExhausted(); }
   std::optional<cw::WindowPayload> Finalize() override { return producer_->Finalize(); }
+  bool CanResume() const override {
+    const auto* resumable = AlsoA<cw::ResumableWindowProducer>(producer_);
+    return resumable != nullptr && resumable->CanResume();
+  }
+  std::size_t FirstGlobalIndex() const override {
+    return AlsoA<cw::ResumableWindowProducer>(producer_)->FirstGlobalIndex();
+  }
+  void Resume(std::size_t start_index,
+              const std::optional<cw::CommandSample>& previous_command) override {
+    AlsoA<cw::ResumableWindowProducer>(producer_)->Resume(start_index, previous_command);
+  }
 
  private:
   Owned<cw::WindowProducerSession> producer_;
@@ -189,7 +225,8 @@ class OwnedHandle final : public cw::TrajectoryWindowHandle {
   Owned<cw::TrajectoryWindowHandle> handle_;
 };
 
-class OwnedSolveSession final : public cw::LiftedMpcSolveSession {
+// Resumable when the session it owns is.
+class OwnedSolveSession final : public cw::LiftedMpcSolveSession, public cw::ResumableSolveSession {
  public:
   explicit OwnedSolveSession(py::object session) : session_(std::move(session)) {}
   void Prepare() override { session_->Prepare(); }
@@ -197,6 +234,16 @@ class OwnedSolveSession final : public cw::LiftedMpcSolveSession {
     return session_->Solve(request);
   }
   void Finalize() override { session_->Finalize(); }
+  bool CanResume() const override {
+    const auto* resumable = AlsoA<cw::ResumableSolveSession>(session_);
+    return resumable != nullptr && resumable->CanResume();
+  }
+  std::size_t ResumeHistorySamples() const override {
+    return AlsoA<cw::ResumableSolveSession>(session_)->ResumeHistorySamples();
+  }
+  void ResumeFrom(const cw::SolveResumePoint& point) override {
+    AlsoA<cw::ResumableSolveSession>(session_)->ResumeFrom(point);
+  }
 
  private:
   Owned<cw::LiftedMpcSolveSession> session_;
@@ -238,9 +285,9 @@ class LiftedMpcProducer final : public cw::AppendableLiftedMpcWindowProducer {
                     std::shared_ptr<cw::AppendableReferenceBuffer> reference_buffer,
                     std::size_t apply_samples, std::size_t lookahead_samples, double sample_time_s,
                     std::size_t global_start_index)
-      : AppendableLiftedMpcWindowProducer(
-            Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(solve_session, "solve_session"),
-            reference_buffer, apply_samples, lookahead_samples, sample_time_s, global_start_index),
+      : AppendableLiftedMpcWindowProducer(AdoptSolveSession(solve_session, "solve_session"),
+                                          reference_buffer, apply_samples, lookahead_samples,
+                                          sample_time_s, global_start_index),
         solve_session_(solve_session),
         reference_buffer_(std::move(reference_buffer)) {}
 
@@ -264,16 +311,6 @@ std::string InterfaceDoc(const char* summary) {
          "with the GIL held. An exception they raise reaches the consumer's Pop as itself.";
 }
 
-// A session method as Python calls it: with the GIL released, unless a buffer owns the session.
-template <class Method>
-auto SessionMethod(Method method) {
-  return [method](py::handle self) {
-    CheckNotTaken(self);
-    auto& session = self.cast<cw::WindowProducerSession&>();
-    return WithoutGil([&] { return (session.*method)(); });
-  };
-}
-
 void BindProducerSession(py::module_& module) {
   using Session = cw::WindowProducerSession;
   py::class_<Session, PythonProducer>(
@@ -286,13 +323,13 @@ void BindProducerSession(py::module_& module) {
                    "session, only the buffer calls it.")
           .c_str())
       .def(py::init<>(), kSubclassInit)
-      .def("PrepareSession", SessionMethod(&Session::PrepareSession),
+      .def("PrepareSession", OwnedMethod(&Session::PrepareSession),
            "Starts the session; called once, before any other operation.")
-      .def("ProduceNext", SessionMethod(&Session::ProduceNext),
+      .def("ProduceNext", OwnedMethod(&Session::ProduceNext),
            "The next mainline window, or None when none is ready at this moment.")
-      .def("IsExhausted", SessionMethod(&Session::IsExhausted),
+      .def("IsExhausted", OwnedMethod(&Session::IsExhausted),
            "True once no further mainline window will come.")
-      .def("Finalize", SessionMethod(&Session::Finalize),
+      .def("Finalize", OwnedMethod(&Session::Finalize),
            "After exhaustion: the next final (tail) window, or None, which ends the session.");
   py::class_<cw::FiniteWindowProducer, Session>(
       module, "FiniteWindowProducer",
@@ -326,7 +363,10 @@ void BindLiftedMpcProducer(py::module_& module) {
   py::class_<cw::LiftedMpcSolveSession, PythonSolveSession>(
       module, "LiftedMpcSolveSession",
       InterfaceDoc("A lifted-MPC solver: Prepare(), Solve(request: WindowSlice) -> "
-                   "WindowPayload, Finalize(). The request is the solver's own copy.")
+                   "WindowPayload, Finalize(). The request is the solver's own copy. A solver "
+                   "that also implements ResumeFrom(point: SolveResumePoint), and "
+                   "ResumeHistorySamples() -> int when it needs reference before the join, can "
+                   "resume after AppendableWindowBuffer.ReplaceReference.")
           .c_str())
       .def(py::init<>(), kSubclassInit);
   py::class_<LiftedMpcProducer, cw::WindowProducerSession>(
@@ -358,6 +398,11 @@ AdoptedProducer AdoptProducer(const py::object& producer) {
     adopted.first_sample_source = lifted->reference_buffer();
   }
   return adopted;
+}
+
+std::unique_ptr<cw::LiftedMpcSolveSession> AdoptSolveSession(const py::object& session,
+                                                             const char* parameter) {
+  return Adopt<OwnedSolveSession, cw::LiftedMpcSolveSession>(session, parameter);
 }
 
 bool IsWorkerThread() { return on_worker_thread; }

@@ -7,6 +7,7 @@
 #include <window/reference_buffer.hpp>
 
 #include "module.hpp"
+#include "waits.hpp"
 
 namespace corvane::python {
 
@@ -24,6 +25,36 @@ struct AdoptedProducer {
 // holds it. From then on the object belongs to the library: adopting it again, or calling its
 // methods from Python, raises RuntimeError. Raises TypeError for any other object. Needs the GIL.
 AdoptedProducer AdoptProducer(const py::object& producer);
+
+// The solver for a session that owns one (a lifted-MPC producer, a shaping stage): None becomes
+// a null pointer, which the owner refuses with its own message; anything else must be a
+// LiftedMpcSolveSession (a Python subclass or one of the library's solvers), which the result
+// keeps alive and owns from then on, as AdoptProducer does. Raises TypeError naming `parameter`
+// for any other object, RuntimeError for one already owned. Needs the GIL.
+std::unique_ptr<cw::LiftedMpcSolveSession> AdoptSolveSession(const py::object& session,
+                                                             const char* parameter);
+
+// Raises RuntimeError when the library holds `object`: only its owner may call it. Needs the GIL.
+void CheckNotTaken(py::handle object);
+
+// A method of a session, handle or solver as Python calls it: refused once the library holds
+// the object, else run with the GIL released.
+template <class Owner, class Result, class... Args>
+auto OwnedMethod(Result (Owner::*method)(Args...)) {
+  return [method](py::handle self, Args... args) {
+    CheckNotTaken(self);
+    Owner& owner = self.cast<Owner&>();
+    return WithoutGil([&]() -> Result { return (owner.*method)(args...); });
+  };
+}
+template <class Owner, class Result, class... Args>
+auto OwnedMethod(Result (Owner::*method)(Args...) const) {
+  return [method](py::handle self, Args... args) {
+    CheckNotTaken(self);
+    const Owner& owner = self.cast<const Owner&>();
+    return WithoutGil([&]() -> Result { return (owner.*method)(args...); });
+  };
+}
 
 // Whether the calling thread is one that Python did not start (a buffer's worker) and that has
 // called Python code through the module.

@@ -6,6 +6,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include <Eigen/Core>
 
@@ -14,9 +15,11 @@
 
 namespace corvane::python {
 
-// Whether a field holds an Eigen matrix or vector, present or optional.
+// Whether a field holds an Eigen matrix or vector or a list of numbers, present or optional.
 template <class Value>
 inline constexpr bool kIsArrayField = std::is_base_of_v<Eigen::EigenBase<Value>, Value>;
+template <>
+inline constexpr bool kIsArrayField<std::vector<double>> = true;
 template <class Value>
 inline constexpr bool kIsArrayField<std::optional<Value>> = kIsArrayField<Value>;
 
@@ -27,6 +30,8 @@ Value ArrayFrom(py::handle value, const char* field) {
     return SampleMatrixFrom(value, field);
   } else if constexpr (std::is_same_v<Value, Eigen::VectorXd>) {
     return VectorFrom(value, field);
+  } else if constexpr (std::is_same_v<Value, std::vector<double>>) {
+    return NumbersFrom(value, field);
   } else {
     if (value.is_none()) return std::nullopt;
     return ArrayFrom<typename Value::value_type>(value, field);

@@ -14,7 +14,7 @@ string(STRIP "${listing}" listing)
 string(REPLACE "\n" ";" lines "${listing}")
 set(strays "")
 foreach(line IN LISTS lines)
-  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] (typeinfo name for |typeinfo for |vtable for )?" ""
+  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] (typeinfo name for |typeinfo for |vtable for |non-virtual thunk to )?" ""
                        symbol "${line}")
   string(REGEX REPLACE "\\(.*|\\[abi:cxx11\\]" "" scope "${symbol}")
   if(NOT scope MATCHES "^corvane::(control::window|native)::" OR scope MATCHES "::Impl(::|$)")

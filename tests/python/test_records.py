@@ -11,20 +11,22 @@ import pytest
 import corvane_window as cw
 
 
-def test_array_fields_read_as_read_only_views_that_keep_their_record():
-    source = np.arange(6.0).reshape(3, 2)
-    payload = cw.WindowPayload(positions=source)
-    source[0, 0] = 99.0  # assignment copies
-    first, second = payload.positions, payload.positions
-    assert first.dtype == np.float64 and first.flags.c_contiguous and first[0, 0] == 0.0
+@pytest.mark.parametrize("record, field, source", [
+    (cw.WindowPayload, "positions", np.arange(6.0).reshape(3, 2)),
+    (cw.engines.ImpulseSequence, "amplitudes", np.arange(3.0))])
+def test_array_fields_read_as_read_only_views_that_keep_their_record(record, field, source):
+    value, shown = record(**{field: source}), source.tolist()
+    source.flat[0] = 99.0  # assignment copies
+    first, second = getattr(value, field), getattr(value, field)
+    assert first.dtype == np.float64 and first.flags.c_contiguous and first.flat[0] == 0.0
     assert np.shares_memory(first, second)
     with pytest.raises(ValueError, match="read-only"):
-        first[0, 0] = 1.0
-    payload.positions = np.ones((1, 2))  # the view keeps showing the values it showed
-    alive = weakref.ref(payload)
-    del payload, second
+        first.flat[0] = 1.0
+    setattr(value, field, np.ones(1))  # the view keeps showing the values it showed
+    alive = weakref.ref(value)
+    del value, second
     gc.collect()
-    assert alive() is not None and first.tolist() == [[0.0, 1.0], [2.0, 3.0], [4.0, 5.0]]
+    assert alive() is not None and first.tolist() == shown
     del first
     assert alive() is None
 
@@ -67,11 +69,20 @@ def test_keyword_construction_signature_and_repr():
         "time_s=None, start_index=0, stop_index=1, compute_time_s=0.0, metadata={})")
 
 
-def test_version_and_stubs_beside_the_module():
+def stubbed(path):
+    """The names that a stub file defines, annotates or imports."""
+    names = set()
+    for node in ast.parse(path.read_text()).body:
+        names |= {alias.asname or alias.name for alias in getattr(node, "names", [])}
+        names |= {getattr(node, "name", None), getattr(getattr(node, "target", None), "id", None)}
+    return names
+
+
+@pytest.mark.parametrize("module, stub", [(cw, "__init__.pyi"), (cw.engines, "engines.pyi")])
+def test_version_and_stubs_beside_the_module(module, stub):
     assert cw.__version__.count(".") == 2
-    stubs = ast.parse((pathlib.Path(cw.__file__).parent / "corvane_window.pyi").read_text())
-    stubbed = {node.name for node in stubs.body if hasattr(node, "name")}
-    assert {name for name in dir(cw) if not name.startswith("_")} <= stubbed
+    stubs = pathlib.Path(cw.__file__).parent / "corvane_window" / stub
+    assert {name for name in dir(module) if not name.startswith("_")} <= stubbed(stubs)
 
 
 def test_retention_keeps_the_recent_samples_and_statistics_while_totals_count_all():

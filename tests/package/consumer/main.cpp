@@ -1,10 +1,12 @@
 // A separate project's use of the installed libraries: replay two windows through a buffer,
-// catch an error thrown across the library boundary, and design a shaper with the engines.
+// catch an error thrown across the library boundary, design a shaper with the engines and read
+// back a record of the windows.
 #include <cstdio>
 #include <memory>
 #include <vector>
 
 #include <corvane_shaper_engines/shaper_designs.hpp>
+#include <corvane_shaper_io/window_record.hpp>
 #include <window/async_buffer.hpp>
 #include <window/version.hpp>
 
@@ -21,7 +23,11 @@ int main() {
       std::make_unique<cw::FiniteWindowProducer>(mainline, std::vector<cw::WindowPayload>{}));
   buffer.Start();
   std::size_t popped = 0;
-  while (buffer.Pop()) ++popped;
+  {
+    corvane::control::io::RecordWriter writer("consumer.record");
+    while (const auto window = buffer.Pop()) writer.Append(*window, static_cast<double>(popped++));
+  }
+  const std::size_t recorded = corvane::control::io::ReadRecord("consumer.record").size();
   try {
     cw::ValidateTaskSpaceShapedTrajectory(cw::TaskSpaceShapedTrajectory{});
     return 1;
@@ -32,5 +38,5 @@ int main() {
   namespace engines = corvane::control::engines;
   const double vibration = engines::ResidualVibration(engines::ZvdShaper({5.0, 0.1}), {5.0, 0.1});
   std::printf("consumer: ZVD leaves %.1e of the vibration\n", vibration);
-  return popped == 2 && vibration < 1e-12 ? 0 : 1;
+  return popped == 2 && recorded == 2 && vibration < 1e-12 ? 0 : 1;
 }
