@@ -28,7 +28,9 @@ const char kUsage[] =
     "  --shape                   MPC mode: shape the streamed reference online (EI shaper)\n"
     "  --csv FILE                write time, reference and command per joint\n"
     "  --plot FILE.png           draw reference against command per joint; in plant mode the\n"
-    "                            payload deflection and the command per joint (needs gnuplot)\n";
+    "                            payload deflection and the command per joint, and in\n"
+    "                            FILE_replan.png the plans changed while the arm moves\n"
+    "                            (needs gnuplot)\n";
 
 namespace {
 
