@@ -142,8 +142,8 @@ void BM_ReplacementLatency(benchmark::State& state) {
   state.counters["ratio_p99"] = Quantile(latency_us, 0.99) / solve_p50;
 }
 
-// Replaces the tail of the loop's stream every 50 ms from the earliest sample it may, on a
-// thread of its own, until stopped; counts what it did.
+// Replaces the tail of the loop's stream every 50 ms, from `margin` samples past the earliest
+// index, on a thread of its own until stopped; counts what it did.
 class TailPlanner {
  public:
   TailPlanner(cw::AppendableWindowBuffer& buffer, std::size_t margin)

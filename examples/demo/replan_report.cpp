@@ -24,11 +24,11 @@ struct ShapedReplan {
   cp::ReplanRun run;
 };
 
-// The value formatted, or nothing for a negative one.
-std::string Optional(double value, const char* format) {
-  if (value < 0.0) return "";
+// The value formatted, or blank without one.
+std::string Cell(std::optional<double> value, const char* format) {
+  if (!value) return "";
   char text[32];
-  std::snprintf(text, sizeof text, format, value);
+  std::snprintf(text, sizeof text, format, *value);
   return text;
 }
 
@@ -44,12 +44,18 @@ void PrintIntro(const cp::ReplanRun& run) {
       changes.back().replacement.start_index);
 }
 
+// A row of the join table; the join's own steps are blank for the row of the unchanged plan.
 void PrintSteps(const char* run, const char* change, const std::string& sample,
-                const cp::CommandSteps& at_join, const cp::CommandSteps& elsewhere) {
+                const std::optional<cp::CommandSteps>& at_join, const cp::CommandSteps& elsewhere) {
+  const auto join = [&](double cp::CommandSteps::*step, double scale) {
+    return at_join ? std::optional<double>(scale * (*at_join).*step) : std::nullopt;
+  };
   std::printf("%-11s %-13s %6s %6s %9.3f %7s %9.2f %7s %9.3f\n", run, change, sample.c_str(),
-              Optional(1e3 * at_join.position_rad, "%.3f").c_str(), 1e3 * elsewhere.position_rad,
-              Optional(1e3 * at_join.velocity_rad_s, "%.2f").c_str(),
-              1e3 * elsewhere.velocity_rad_s, Optional(at_join.acceleration_rad_s2, "%.3f").c_str(),
+              Cell(join(&cp::CommandSteps::position_rad, 1e3), "%.3f").c_str(),
+              1e3 * elsewhere.position_rad,
+              Cell(join(&cp::CommandSteps::velocity_rad_s, 1e3), "%.2f").c_str(),
+              1e3 * elsewhere.velocity_rad_s,
+              Cell(join(&cp::CommandSteps::acceleration_rad_s2, 1.0), "%.3f").c_str(),
               elsewhere.acceleration_rad_s2);
 }
 
@@ -69,8 +75,7 @@ void PrintJoins(const std::vector<ShapedReplan>& runs) {
                  std::to_string(replanned.changes[change].replacement.resume_index), steps.at_join,
                  steps.elsewhere);
     }
-    PrintSteps(shaped.name.c_str(), "before both", "", {-1.0, -1.0, -1.0},
-               replanned.before_changes);
+    PrintSteps(shaped.name.c_str(), "before both", "", std::nullopt, replanned.before_changes);
   }
 }
 
@@ -109,13 +114,15 @@ void PrintBookkeeping(const ShapedReplan& tuned, double simulated_s, double wall
 // per joint the new plan, the command unshaped and the command shaped [rad].
 void WriteReplanSamples(std::FILE* file, const cp::LockstepRun& unshaped,
                         const cp::LockstepRun& shaped) {
-  const Eigen::Index rows = std::min(unshaped.command.rows(), shaped.command.rows());
+  const Eigen::Index rows =
+      std::min({unshaped.reference.rows(), unshaped.command.rows(), shaped.command.rows()});
   for (Eigen::Index k = 0; k < rows; ++k) {
     std::fprintf(file, "%.4f %.6g %.6g", static_cast<double>(k) * cp::kSampleTimeS,
                  1e3 * unshaped.deflection(k), 1e3 * shaped.deflection(k));
     for (const auto* series : {&unshaped.reference, &unshaped.command, &shaped.command}) {
-      for (Eigen::Index j = 0; j < cp::kArmJoints; ++j)
+      for (Eigen::Index j = 0; j < cp::kArmJoints; ++j) {
         std::fprintf(file, " %.6g", (*series)(k, j));
+      }
     }
     std::fputc('\n', file);
   }

@@ -31,8 +31,10 @@ class ReplanPlanner {
         stop_pop_((first_.positions.rows() + MiddleOf(second_.move)) / shape.apply_samples) {}
 
   void BeforePop(Eigen::Index popped) {
-    if (!appended_) buffer_.AppendReference(first_.positions);
-    appended_ = true;
+    if (!appended_) {
+      buffer_.AppendReference(first_.positions);
+      appended_ = true;
+    }
     if (popped == retarget_pop_ && changes_.empty()) Retarget();
     if (popped == stop_pop_ && changes_.size() == 1) Stop();
   }
