@@ -27,26 +27,13 @@
 
 #include <benchmark/benchmark.h>
 
+#include "allocation_counter.hpp"
 #include "handoff_fixtures.hpp"
 #include "ratio_reporter.hpp"
+#include "thread_setup.hpp"
 #include "window/async_buffer.hpp"
 
 namespace cw = corvane::control::window;
-
-// Every malloc and free of the process passes here, operator new's and Eigen's included, and is
-// counted for the calling thread.
-thread_local std::size_t thread_allocations = 0;
-thread_local std::size_t thread_frees = 0;
-extern "C" void* __libc_malloc(std::size_t size);
-extern "C" void __libc_free(void* memory);
-extern "C" void* malloc(std::size_t size) noexcept {
-  ++thread_allocations;
-  return __libc_malloc(size);
-}
-extern "C" void free(void* memory) noexcept {
-  if (memory != nullptr) ++thread_frees;
-  __libc_free(memory);
-}
 
 namespace {
 
@@ -81,13 +68,6 @@ class SlowProducer final : public cw::WindowProducerSession {
   std::size_t produced_ = 0;
 };
 
-// CPU time the calling thread has used, in seconds.
-double ThreadCpuSeconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
 void BM_Throughput_Buffer(benchmark::State& state) {
   const std::optional<std::size_t> capacity =
       state.range(0) ? std::optional<std::size_t>(kBoundedCapacity) : std::nullopt;
@@ -121,9 +101,10 @@ void BM_BlockedPopCpu_Buffer(benchmark::State& state) {
   for (auto _ : state) {
     cw::AsyncWindowBuffer buffer(std::make_unique<SlowProducer>());
     buffer.Start();
-    const double begin = ThreadCpuSeconds();
+    const double begin = corvane::bench::ThreadCpuSeconds();
     while (auto window = buffer.Pop()) benchmark::DoNotOptimize(window->positions.data());
-    state.counters["cpu_us_per_window"] = 1e6 * (ThreadCpuSeconds() - begin) / kSlowWindows;
+    state.counters["cpu_us_per_window"] =
+        1e6 * (corvane::bench::ThreadCpuSeconds() - begin) / kSlowWindows;
   }
 }
 
@@ -131,9 +112,10 @@ void BM_BlockedPopCpu_Baseline(benchmark::State& state) {
   for (auto _ : state) {
     BareHandoff handoff(std::nullopt);
     std::thread producer = BareProducer(handoff, kSlowWindows, kSlowPeriod);
-    const double begin = ThreadCpuSeconds();
+    const double begin = corvane::bench::ThreadCpuSeconds();
     while (auto window = handoff.Pop(true)) benchmark::DoNotOptimize(window->positions.data());
-    state.counters["cpu_us_per_window"] = 1e6 * (ThreadCpuSeconds() - begin) / kSlowWindows;
+    state.counters["cpu_us_per_window"] =
+        1e6 * (corvane::bench::ThreadCpuSeconds() - begin) / kSlowWindows;
     producer.join();
   }
 }
@@ -141,12 +123,13 @@ void BM_BlockedPopCpu_Baseline(benchmark::State& state) {
 // Runs `pop_all` on this thread and reports its allocations and frees per window.
 template <typename PopAll>
 void CountAllocations(benchmark::State& state, PopAll pop_all) {
-  const std::size_t allocations = thread_allocations;
-  const std::size_t frees = thread_frees;
+  const std::size_t allocations = corvane::bench::thread_allocations;
+  const std::size_t frees = corvane::bench::thread_frees;
   pop_all();
   state.counters["allocations_per_window"] =
-      static_cast<double>(thread_allocations - allocations) / kWindowsPerRun;
-  state.counters["frees_per_window"] = static_cast<double>(thread_frees - frees) / kWindowsPerRun;
+      static_cast<double>(corvane::bench::thread_allocations - allocations) / kWindowsPerRun;
+  state.counters["frees_per_window"] =
+      static_cast<double>(corvane::bench::thread_frees - frees) / kWindowsPerRun;
 }
 
 void BM_ConsumerAllocations_Buffer(benchmark::State& state) {
@@ -171,19 +154,6 @@ void BM_ConsumerAllocations_Baseline(benchmark::State& state) {
   }
 }
 
-// Pins the calling thread to `cpu` under SCHED_FIFO; the error text when the system refuses.
-std::optional<std::string> BecomeRealTimeOn(int cpu) {
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  CPU_SET(static_cast<std::size_t>(cpu), &cpus);
-  sched_param parameters{};
-  parameters.sched_priority = 10;
-  int error = pthread_setaffinity_np(pthread_self(), sizeof cpus, &cpus);
-  if (error == 0) error = pthread_setschedparam(pthread_self(), SCHED_FIFO, &parameters);
-  if (error != 0) return std::string(std::strerror(error));
-  return std::nullopt;
-}
-
 // A SCHED_FIFO control thread polls Pop(40 us) on the core where the worker (normal policy) runs:
 // a wait that does not sleep would keep the worker from ever producing.
 void BM_FifoPollingShare(benchmark::State& state) {
@@ -198,7 +168,7 @@ void BM_FifoPollingShare(benchmark::State& state) {
     std::size_t received = 0;
     std::optional<std::string> refused;
     std::thread([&] {
-      refused = BecomeRealTimeOn(cpu);
+      refused = corvane::bench::BecomeRealTimeOn(cpu);
       if (refused) return;
       for (std::size_t poll = 0; poll < kPolls; ++poll) {
         if (buffer.Pop(kPollTimeout)) ++received;

@@ -2,14 +2,18 @@
 // yields nothing, yields an invalid window, runs out, returns tail windows, or throws standard and
 // non-standard exceptions. Every wait is bounded, so a hang shows as a libFuzzer time-out. The
 // windows come out in production order, none lost and none twice, and a failure comes only after
-// every queued window.
+// every queued window. An input that destroys that buffer goes on with a stream whose reference is
+// appended to, replaced and stopped smoothly while the worker produces and windows are popped:
+// across every join the windows handed out follow one another, none lost and none twice.
 #include <atomic>
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fuzz_input.hpp"
+#include "support/follow_reference_solver.hpp"
 #include "support/scripted_producer.hpp"
 #include "window/async_buffer.hpp"
 
@@ -156,17 +160,53 @@ struct Lifecycle {
   }
 };
 
+// The streaming lifecycle: the input's calls race the worker; a refused call changes nothing.
+void RunReplacements(FuzzInput& in) {
+  auto reference = std::make_shared<AppendableReferenceBuffer>(1);
+  AppendableWindowBuffer buffer(std::make_unique<AppendableLiftedMpcWindowProducer>(
+                                    std::make_unique<testing::ResumableFollowSolver>(
+                                        std::make_shared<std::vector<SolveResumePoint>>()),
+                                    reference, 1 + in.Below(4), 4, 0.001, 0),
+                                reference, 0, 1 + in.Below(4));
+  buffer.Start();
+  std::size_t next = 0;
+  const auto pop = [&](std::chrono::nanoseconds timeout) {
+    const std::optional<WindowPayload> window = buffer.Pop(timeout);
+    if (window && std::exchange(next, window->stop_index) != window->start_index) {
+      Fail("a window was lost or repeated across a join");
+    }
+    return window.has_value();
+  };
+  while (!in.Empty()) {
+    const std::size_t call = in.Below(4);
+    const SampleMatrix rows = SampleMatrix::Constant(in.Dimension(), 1, in.Value());
+    try {
+      if (call == 0) buffer.AppendReference(rows);
+      if (call == 1) buffer.ReplaceReference(buffer.EarliestReplaceableIndex() + in.Below(8), rows);
+      if (call == 2) buffer.StopSmoothly(in.Below(4));
+    } catch (const std::logic_error&) {    // a bad argument, or the earliest index moved on
+    } catch (const std::runtime_error&) {  // the stream has ended
+    }
+    if (call == 3) pop(in.ShortTimeout());
+  }
+  buffer.Finish();
+  while (pop(std::chrono::seconds(10))) {
+  }
+  if (next != buffer.AvailableReferenceSamples()) Fail("the windows stop short of the reference");
+}
+
 }  // namespace
 
 // A buffer with the input's capacity, prefill count and producer, then the input's calls until
-// it runs out or destroys the buffer; a buffer left is closed and drained.
+// it runs out or destroys the buffer (the rest of the input then drives a stream with
+// replacements); a buffer left is closed and drained.
 void RunInput(FuzzInput& in) {
   Lifecycle run;
   const std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
   run.buffer.emplace(ScriptedProducer(in, run.produced), in.Below((limit ? limit : 4) + 1),
                      limit ? std::optional<std::size_t>(limit) : std::nullopt);
   while (!in.Empty()) {
-    if (!run.Step(in)) return;
+    if (!run.Step(in)) return RunReplacements(in);
   }
   run.CloseAndDrain();
 }

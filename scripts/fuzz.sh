@@ -17,7 +17,7 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo 
 cmake --build build-fuzz -j "$(nproc)"
 
 cd build-fuzz/fuzz
-for fuzzer in reference_buffer buffer_lifecycle; do
+for fuzzer in reference_buffer buffer_lifecycle record_reader; do
   echo "=== ${fuzzer}_fuzzer for ${seconds} s"
   "./${fuzzer}_fuzzer" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
     "corpus/${fuzzer}" "../../fuzz/corpus/${fuzzer}"

@@ -59,6 +59,14 @@ void LiftedMpcSolver::ResumeFrom(const cw::SolveResumePoint& point) {
 }
 
 cw::WindowPayload LiftedMpcSolver::Solve(const cw::WindowSlice& request) {
+  cw::WindowPayload payload;
+  SolveInto(request, payload);
+  return payload;
+}
+
+// Every product is written into storage of its final shape (noalias), so that no temporary is
+// allocated once the working matrices and the window have the shapes of the stream.
+void LiftedMpcSolver::SolveInto(const cw::WindowSlice& request, cw::WindowPayload& window) {
   const auto started = std::chrono::steady_clock::now();
   const Eigen::Index apply = ApplySamples(request);
   const Eigen::Index joints = request.positions.cols();
@@ -72,19 +80,19 @@ cw::WindowPayload LiftedMpcSolver::Solve(const cw::WindowSlice& request) {
 
   const HorizonGains& gains = GainsFor(request.positions.rows());
   // Tracking error of the free response (no further acceleration), all joints at once.
-  const Eigen::MatrixXd error = request.positions - gains.free_response.col(0) * state_->position -
-                                gains.free_response.col(1) * state_->velocity;
-  const Eigen::MatrixXd accelerations =
-      gains.reference_gain.topRows(apply) * error +
-      gains.last_acceleration_gain.head(apply) * state_->acceleration;
+  error_ = request.positions;
+  error_.noalias() -= gains.free_response.col(0) * state_->position;
+  error_.noalias() -= gains.free_response.col(1) * state_->velocity;
+  accelerations_.noalias() = gains.reference_gain.topRows(apply) * error_;
+  accelerations_.noalias() += gains.last_acceleration_gain.head(apply) * state_->acceleration;
 
-  cw::WindowPayload payload = Apply(accelerations);
+  Apply(window);
   const double first_time_s = static_cast<double>(request.start_index) * sample_time_s_;
-  payload.time_s = Eigen::VectorXd::LinSpaced(
-      apply, first_time_s, first_time_s + static_cast<double>(apply - 1) * sample_time_s_);
-  payload.compute_time_s =
+  if (!window.time_s) window.time_s.emplace();
+  window.time_s->setLinSpaced(apply, first_time_s,
+                              first_time_s + static_cast<double>(apply - 1) * sample_time_s_);
+  window.compute_time_s =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  return payload;
 }
 
 const LiftedMpcSolver::HorizonGains& LiftedMpcSolver::GainsFor(Eigen::Index horizon) {
@@ -119,25 +127,25 @@ LiftedMpcSolver::HorizonGains LiftedMpcSolver::ComputeGains(Eigen::Index horizon
                       weights_.acceleration_change_s4 * factor.solve(first)};
 }
 
-cw::WindowPayload LiftedMpcSolver::Apply(const Eigen::MatrixXd& accelerations) {
-  const Eigen::Index rows = accelerations.rows();
-  const Eigen::Index joints = accelerations.cols();
+void LiftedMpcSolver::Apply(cw::WindowPayload& window) {
+  const Eigen::Index rows = accelerations_.rows();
+  const Eigen::Index joints = accelerations_.cols();
   const double h = sample_time_s_;
-  cw::WindowPayload payload;
-  payload.positions.resize(rows, joints);
-  payload.velocities = cw::SampleMatrix(rows, joints);
-  payload.accelerations = accelerations;
+  if (!window.velocities) window.velocities.emplace();
+  if (!window.accelerations) window.accelerations.emplace();
+  window.positions.resize(rows, joints);
+  window.velocities->resize(rows, joints);
+  *window.accelerations = accelerations_;
   JointState& state = *state_;
   for (Eigen::Index k = 0; k < rows; ++k) {
-    state.acceleration = accelerations.row(k);
+    state.acceleration = accelerations_.row(k);
     state.position += h * state.velocity + 0.5 * h * h * state.acceleration;
     state.velocity += h * state.acceleration;
-    payload.positions.row(k) = state.position;
-    payload.velocities->row(k) = state.velocity;
+    window.positions.row(k) = state.position;
+    window.velocities->row(k) = state.velocity;
   }
-  payload.start_index = 0;
-  payload.stop_index = static_cast<std::size_t>(rows);
-  return payload;
+  window.start_index = 0;
+  window.stop_index = static_cast<std::size_t>(rows);
 }
 
 }  // namespace corvane::control::engines

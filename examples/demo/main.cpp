@@ -6,6 +6,7 @@
 #include "demo/modes.hpp"
 #include "demo/options.hpp"
 #include "demo/plant_mode.hpp"
+#include "demo/record_replay.hpp"
 #include "demo/report.hpp"
 
 namespace demo = corvane::demo;
@@ -24,7 +25,11 @@ int main(int argc, char** argv) {
   }
   try {
     if (options.mode == demo::Mode::kPlant) {
-      demo::RunPlantDemo(options);
+      if (options.replay_path.empty()) {
+        demo::RunPlantDemo(options);
+      } else {
+        demo::RunReplayDemo(options);
+      }
       return 0;
     }
     demo::PrintHeader(options);

@@ -15,7 +15,8 @@ const char kUsage[] =
     "Usage: corvane-window-demo [options]\n"
     "Streams point-to-point moves through the lifted-MPC path into a simulated flexible arm,\n"
     "unshaped and shaped, and prints the vibration they leave against theory (plant mode;\n"
-    "it takes only --plot). The other modes play a 6-joint arm's moves in real time.\n"
+    "it takes only --plot, --record and --replay). The other modes play a 6-joint arm's moves\n"
+    "in real time.\n"
     "  --mode plant|mpc|shaper|replay\n"
     "                            the simulated arm (default); lifted MPC over a streamed\n"
     "                            reference, input shaping, or replay of precomputed windows\n"
@@ -30,7 +31,10 @@ const char kUsage[] =
     "  --plot FILE.png           draw reference against command per joint; in plant mode the\n"
     "                            payload deflection and the command per joint, and in\n"
     "                            FILE_replan.png the plans changed while the arm moves\n"
-    "                            (needs gnuplot)\n";
+    "                            (needs gnuplot)\n"
+    "  --record FILE             plant mode: save the popped windows of the tuned shaped run\n"
+    "                            (with --replay: of the replayed run)\n"
+    "  --replay FILE             plant mode: play a saved record into the arm instead\n";
 
 namespace {
 
@@ -107,6 +111,8 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
        [&](const std::string& v) { options.duration_s = ParsePositive("--duration", v, 600.0); }},
       {"--csv", [&](const std::string& v) { options.csv_path = v; }},
       {"--plot", [&](const std::string& v) { options.plot_path = v; }},
+      {"--record", [&](const std::string& v) { options.record_path = v; }},
+      {"--replay", [&](const std::string& v) { options.replay_path = v; }},
   };
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
@@ -126,6 +132,10 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
   if (options.shape && options.mode != Mode::kMpc) {
     throw UsageError("--shape needs --mode mpc.");
   }
+  if ((!options.record_path.empty() || !options.replay_path.empty()) &&
+      options.mode != Mode::kPlant) {
+    throw UsageError("--record and --replay need the plant mode.");
+  }
   if (options.lookahead_samples < options.apply_samples) {
     throw UsageError("--lookahead must be at least --apply.");
   }
@@ -134,6 +144,7 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
   }
   CheckWritable("--csv", options.csv_path);
   CheckWritable("--plot", options.plot_path);
+  CheckWritable("--record", options.record_path);
   return options;
 }
 

@@ -27,6 +27,8 @@ struct DemoOptions {
   bool shape = false;                    // MPC mode: shape the streamed reference online
   std::string csv_path;                  // empty: no CSV file
   std::string plot_path;                 // empty: no plot
+  std::string record_path;               // plant mode: the record of the tuned run; empty: none
+  std::string replay_path;               // plant mode: a record to play into the arm instead
   bool help = false;
 
   double sample_time_s() const { return 1.0 / rate_hz; }

@@ -9,6 +9,7 @@
 #include <corvane_shaper_engines/ringing_tuning.hpp>
 
 #include "demo/gnuplot.hpp"
+#include "demo/record_replay.hpp"
 #include "demo/replan_report.hpp"
 #include "plant/experiment.hpp"
 
@@ -203,6 +204,7 @@ void RunPlantDemo(const DemoOptions& options) {
       trials.size() + 1, speed.simulated_s, speed.wall_s, speed.simulated_s / speed.wall_s);
   PrintQualification(tuned.run.stream.qualification);
   if (!options.plot_path.empty()) WritePlantPlot(options.plot_path, experiment.unshaped(), tuned);
+  if (!options.record_path.empty()) WriteRunRecord(options.record_path, tuned.run.stream);
   PrintPlanChanges(experiment, trials, choice.kind, options.plot_path);
 }
 

@@ -4,12 +4,13 @@
 #include <memory>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 #include <corvane_shaper_engines/shaping_solve_session.hpp>
 #include <window/producers.hpp>
 #include <window/reference_buffer.hpp>
+
+#include "plant/playback.hpp"
 
 namespace corvane::plant {
 
@@ -79,42 +80,6 @@ class BlockPlanner {
   std::optional<Eigen::Index> late_due_;  // pops after which the held-back block comes
 };
 
-// Row k of a window's optional series, or zeros without one.
-Eigen::RowVectorXd RowOrZero(const std::optional<cw::SampleMatrix>& series, Eigen::Index k) {
-  return series ? Eigen::RowVectorXd(series->row(k)) : Eigen::RowVectorXd::Zero(kArmJoints);
-}
-
-// The played samples, gathered row by row.
-class Recorder {
- public:
-  // Records row k of the window, just played, and the arm's state after it.
-  void Record(const cw::WindowPayload& window, Eigen::Index k, const FlexibleArm& arm) {
-    commands_.push_back(window.positions.row(k));
-    velocities_.push_back(RowOrZero(window.velocities, k));
-    accelerations_.push_back(RowOrZero(window.accelerations, k));
-    joints_.push_back(arm.JointPositions());
-    deflection_.push_back(arm.Deflection());
-  }
-  void MoveInto(LockstepRun& run) const {
-    const auto rows = static_cast<Eigen::Index>(commands_.size());
-    run.deflection = Eigen::Map<const Eigen::VectorXd>(deflection_.data(), rows);
-    for (auto [to, from] : {std::pair{&run.command, &commands_},
-                            {&run.velocity, &velocities_},
-                            {&run.acceleration, &accelerations_},
-                            {&run.joints, &joints_}}) {
-      to->resize(rows, kArmJoints);
-      for (Eigen::Index k = 0; k < rows; ++k) to->row(k) = (*from)[static_cast<std::size_t>(k)];
-    }
-  }
-
- private:
-  std::vector<Eigen::RowVectorXd> commands_;
-  std::vector<Eigen::RowVectorXd> velocities_;
-  std::vector<Eigen::RowVectorXd> accelerations_;
-  std::vector<Eigen::RowVectorXd> joints_;
-  std::vector<double> deflection_;
-};
-
 // The lifted-MPC solver, behind the online shaping stage when there is a shaper.
 std::unique_ptr<cw::LiftedMpcSolveSession> Solver(const std::optional<cs::ImpulseSequence>& shaper,
                                                   double sample_time_s,
@@ -153,23 +118,10 @@ LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
                                     static_cast<std::size_t>(shape.queue_windows));
   LockstepRun run;
   const BeforePop before_pop = make_planner(buffer, *stored, run);
-  Recorder recorder;
   arm.Rest(rest_pose);
   before_pop(0);
   buffer.Start();
-  for (Eigen::Index popped = 0;; ++popped) {
-    before_pop(popped);
-    const std::optional<cw::WindowPayload> window = buffer.Pop(kStallTimeout);
-    if (!window) {
-      if (buffer.IsComplete()) break;
-      throw std::runtime_error("No window arrived within 5 s.");
-    }
-    for (Eigen::Index k = 0; k < window->positions.rows(); ++k) {
-      arm.Play(window->positions.row(k), RowOrZero(window->velocities, k));
-      recorder.Record(*window, k, arm);
-    }
-  }
-  recorder.MoveInto(run);
+  PlayWindows(buffer, arm, run, before_pop);
   run.reference = buffer.ReferencePositions();
   run.qualification = buffer.Qualify(compute_fraction_limit);
   run.replacements = buffer.Replacements();

@@ -15,6 +15,7 @@
 
 #include <Eigen/Core>
 #include <corvane_shaper_engines/impulse_sequence.hpp>
+#include <corvane_shaper_io/window_record.hpp>
 #include <window/async_buffer.hpp>
 #include <window/records.hpp>
 #include <window/reference_buffer.hpp>
@@ -42,17 +43,17 @@ struct StreamShape {
 
 // What a lockstep run played and what the arm did; a row or entry a sample.
 struct LockstepRun {
-  control::window::SampleMatrix reference;     // [rad] the stored reference, held samples included
-  control::window::SampleMatrix command;       // [rad] servo targets played
-  control::window::SampleMatrix velocity;      // [rad/s] the windows' velocities (0 where absent)
-  control::window::SampleMatrix acceleration;  // [rad/s^2] their accelerations (0 where absent)
-  control::window::SampleMatrix joints;        // [rad] joint angles at the end of each sample
-  Eigen::VectorXd deflection;                  // [rad] payload deflection at the end of each sample
-  std::vector<SampleSpan> holds;               // samples of the reference the producer held
-  std::vector<SampleSpan> moves;               // where each block's move lies in the reference
+  control::window::SampleMatrix reference;  // [rad] the stored reference, held samples included
+  control::window::SampleMatrix command;    // [rad] servo targets played
+  control::window::SampleMatrix joints;     // [rad] joint angles at the end of each sample
+  Eigen::VectorXd deflection;               // [rad] payload deflection at the end of each sample
+  std::vector<SampleSpan> holds;            // samples of the reference the producer held
+  std::vector<SampleSpan> moves;            // where each block's move lies in the reference
   control::window::QualificationReport qualification;
   control::window::ReplacementTotals replacements;  // what the planner's replacements discarded
   double wall_time_s = 0.0;  // [s] steady-clock time of the run, for its speed only
+  // Every popped window, with when the loop popped it [s since it began popping].
+  std::vector<control::io::RecordedWindow> popped;
 };
 
 // Starts the arm at rest on the first planned row and plays the plan through the lifted-MPC

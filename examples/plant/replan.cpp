@@ -89,9 +89,24 @@ Eigen::VectorXd Steps(const cw::SampleMatrix& series) {
   return (series.bottomRows(rows) - series.topRows(rows)).cwiseAbs().rowwise().maxCoeff();
 }
 
+// One of the popped windows' optional series end to end, a row a sample; zeros where a window
+// lacks it.
+cw::SampleMatrix PoppedSeries(const LockstepRun& run,
+                              std::optional<cw::SampleMatrix> cw::WindowPayload::*series) {
+  cw::SampleMatrix rows = cw::SampleMatrix::Zero(run.command.rows(), kArmJoints);
+  Eigen::Index first = 0;
+  for (const control::io::RecordedWindow& popped : run.popped) {
+    const cw::WindowPayload& window = popped.window;
+    if (window.*series) rows.middleRows(first, window.positions.rows()) = *(window.*series);
+    first += window.positions.rows();
+  }
+  return rows;
+}
+
 // The run's command, velocity and acceleration steps, a row per step.
 std::vector<Eigen::VectorXd> CommandStepRows(const LockstepRun& run) {
-  return {Steps(run.command), Steps(run.velocity), Steps(run.acceleration)};
+  return {Steps(run.command), Steps(PoppedSeries(run, &cw::WindowPayload::velocities)),
+          Steps(PoppedSeries(run, &cw::WindowPayload::accelerations))};
 }
 
 // The largest of each series' steps into the samples [first, stop) but those of `joins`.

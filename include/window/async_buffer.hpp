@@ -80,7 +80,8 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // std::system_error when the thread cannot be created.
   void Start();
   // Start() with the worker thread scheduled as `settings` asks; they are in force before the
-  // worker first calls the producer. Throws std::runtime_error when called a second time, and
+  // worker first calls the producer. settings.idle decides what the worker does when its producer
+  // has nothing ready (see WorkerIdle). Throws std::runtime_error when called a second time, and
   // std::system_error, naming the setting, when the system refuses one (no permission, a CPU the
   // worker may not use, a name over 15 characters) or the thread cannot be created. After a
   // refusal no worker runs and the buffer may be started again.
@@ -99,6 +100,15 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   std::optional<WindowPayload> Pop(std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
   // Pop() with a zero time-out: never waits for a window.
   std::optional<WindowPayload> PopNowait();
+  // The allocation-free pop of a real-time loop: waits as Pop(timeout) does, then swaps the oldest
+  // window into `window` and returns true; false at the deadline or at the end (at an end with a
+  // failure, rethrows it as Pop does). What `window` held before, typically the window the loop
+  // has just played, goes back to the buffer, whose worker reuses its storage; so the loop neither
+  // allocates nor frees, and a producer that writes into recycled storage neither. Unlike Pop, it
+  // wakes a worker that waits for room only once the queue has fallen to half its capacity, so
+  // that most calls make no system call.
+  bool PopInto(WindowPayload& window,
+               std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
   // Whether any window is queued.
   bool HasBufferedData() const;
   // Whether the worker has finished and the queue is empty.

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -32,6 +33,30 @@ class CORVANE_EXPORT WindowProducerSession {
   virtual bool IsExhausted() const = 0;
   // After exhaustion: the next final (tail) window, or an empty result that ends the session.
   virtual std::optional<WindowPayload> Finalize() = 0;
+};
+
+// A producer that can write its next window into storage it is handed, reusing the matrices and
+// metadata entries of an earlier window instead of allocating new ones. A buffer's worker calls
+// ProduceNextInto in place of ProduceNext when its producer offers it.
+class CORVANE_EXPORT RecyclingWindowProducer {
+ public:
+  virtual ~RecyclingWindowProducer() = default;
+  // ProduceNext(), written into `window`: true when a window was written, false when none is
+  // ready (then `window` holds nothing the caller may use). `window` may hold any earlier window,
+  // or nothing; every field of the result is written, and metadata entries the producer does not
+  // write are removed. Throws as ProduceNext does.
+  virtual bool ProduceNextInto(WindowPayload& window) = 0;
+};
+
+// A producer that can tell a sleeping buffer worker when a window may have become ready, so that
+// a worker set to wait when nothing is ready (WorkerIdle) sleeps until then instead of polling.
+class CORVANE_EXPORT ReadySignallingProducer {
+ public:
+  virtual ~ReadySignallingProducer() = default;
+  // Installs `signal`, which the producer calls, from any thread, whenever a window may have
+  // become ready; an empty function removes it. The worker installs it before its first
+  // ProduceNext and removes it when it ends; the producer must not call a removed signal.
+  virtual void SetReadySignal(std::function<void()> signal) = 0;
 };
 
 // Replays two fixed lists of precomputed windows: the mainline through ProduceNext, the tail
@@ -126,12 +151,24 @@ class CORVANE_EXPORT LiftedMpcSolveSession {
   virtual void Finalize() = 0;
 };
 
+// A lifted-MPC solver that can write its answer into storage it is handed, reusing the matrices of
+// an earlier answer. The lifted-MPC producer calls SolveInto in place of Solve when its solver
+// offers it.
+class CORVANE_EXPORT RecyclingLiftedMpcSolveSession : public LiftedMpcSolveSession {
+ public:
+  // Solve(request), written into `window`, which may hold any earlier window. Writes every field
+  // that Solve's answer would carry; metadata entries it does not write are left as they are.
+  // Throws as Solve does.
+  virtual void SolveInto(const WindowSlice& request, WindowPayload& window) = 0;
+};
+
 // Runs a LiftedMpcSolveSession over a reference that the caller keeps appending to an
 // AppendableReferenceBuffer, one apply window per ProduceNext call. When the caller has not yet
 // appended enough reference, the last sample is held instead of waiting; only the very first
 // sample is waited for. It can resume after a replacement when its solve session also implements
 // ResumableSolveSession.
 class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSession,
+                                                         public RecyclingWindowProducer,
                                                          public ResumableWindowProducer {
  public:
   // apply_samples: rows applied per window, 1 to lookahead_samples.
@@ -160,6 +197,9 @@ class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSe
   // PrepareSession() or when the solver answers with the wrong row count, and
   // std::invalid_argument when the request or the answer is malformed.
   std::optional<WindowPayload> ProduceNext() override;
+  // ProduceNext(), written into `window`; with a RecyclingLiftedMpcSolveSession, the request and
+  // the answer reuse storage, so that a steady stream allocates nothing per window.
+  bool ProduceNextInto(WindowPayload& window) override;
   // True when the reference is finished and every stored sample has been applied.
   bool IsExhausted() const override;
   // Finalizes the solver once; always returns an empty result.
@@ -170,10 +210,10 @@ class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSe
   // global_start_index.
   std::size_t FirstGlobalIndex() const override;
   // Moves the cursor to start_index and resumes the solver there, handing it the command at
-  // start_index - 1 and the reference rows before the join that it asks for. Throws
-  // std::runtime_error before PrepareSession() or when the solver cannot resume, and
-  // std::invalid_argument when start_index is before global_start_index or beyond the stored
-  // reference, or when a reference row the solver needs has been dropped by a retention.
+  // start_index - 1 and the reference rows before the join that it asks for, as far as a
+  // retention has kept them. Throws std::runtime_error before PrepareSession() or when the solver
+  // cannot resume, and std::invalid_argument when start_index is before global_start_index or
+  // beyond the stored reference.
   void Resume(std::size_t start_index,
               const std::optional<CommandSample>& previous_command) override;
 

@@ -75,6 +75,11 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // Throws std::invalid_argument when start >= stop, when start is not a stored sample yet, or
   // when it has been dropped by a retention.
   ReferenceWindow WindowWithTerminalPadding(std::size_t start, std::size_t stop) const;
+  // WindowWithTerminalPadding(start, stop), written into `positions` (resized to stop - start
+  // rows, which allocates nothing when it has that shape already); returns the padding rows.
+  // Throws as WindowWithTerminalPadding does, leaving `positions` unchanged.
+  std::size_t CopyWindowWithTerminalPadding(std::size_t start, std::size_t stop,
+                                            SampleMatrix& positions) const;
   // Blocks until at least `count` samples are stored, the stream is finished, or the time-out
   // (steady clock; absent: no limit; zero or negative: no wait) passes. Returns whether at least
   // `count` samples are stored.
@@ -84,6 +89,8 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   std::size_t available_samples() const;
   // Whether Finish() has been called.
   bool is_finished() const;
+  // Index of the oldest sample still stored: 0 without a retention.
+  std::size_t first_retained_sample() const;
   // A copy of every stored sample; with a retention, of the retained ones, oldest first.
   SampleMatrix PositionsCopy() const;
 

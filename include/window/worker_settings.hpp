@@ -14,6 +14,14 @@ enum class WorkerPolicy {
   kRoundRobin,  // real-time, time-sliced among threads of equal priority (SCHED_RR)
 };
 
+// What the worker does when its producer, not exhausted, has no window ready.
+enum class WorkerIdle {
+  kAutomatic,  // kWait when the worker runs under a real-time policy, else kYield
+  kYield,      // yields the processor once and asks again, as a worker of plain Start() does
+  kWait,       // sleeps until the producer's ready signal (ReadySignallingProducer) or a stop;
+               // without such a signal, for a back-off from 50 us doubling up to 1 ms
+};
+
 // Scheduling of the worker thread. The defaults change nothing: the worker then runs as the
 // thread that starts it would create it.
 struct WorkerSettings {
@@ -21,6 +29,7 @@ struct WorkerSettings {
   int priority = 0;       // 1 (lowest) to 99 on Linux for kFifo and kRoundRobin; 0 for kNormal
   std::vector<int> cpus;  // CPU numbers the worker may run on; empty: those of the starting thread
   std::string name;       // thread name, at most 15 characters; empty: the starting thread's name
+  WorkerIdle idle = WorkerIdle::kAutomatic;  // what the worker does when nothing is ready
 };
 
 }  // namespace corvane::control::window

@@ -29,17 +29,21 @@ constexpr std::size_t kMaxDepth = 4;
 
 // Finds where a MessagePack value that failed to decode goes wrong.
 struct FaultFinder : msgpack::null_visitor {
-  std::size_t offset = 0;  // the first byte that cannot be decoded, or the end of the data
+  std::size_t offset = 0;  // the first byte that cannot be decoded
   bool truncated = false;  // the data ends inside the value
 
   void parse_error(std::size_t /*parsed_offset*/, std::size_t error_offset) {
-    offset = error_offset - 1;
-  }
-  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t error_offset) {
     offset = error_offset;
+  }
+  void insufficient_bytes(std::size_t /*parsed_offset*/, std::size_t /*error_offset*/) {
     truncated = true;
   }
 };
+
+// Copies the stored doubles into storage of their count (which an empty array may lack).
+void CopyDoubles(const msgpack::object_bin& data, double* values) {
+  if (data.size > 0) std::memcpy(values, data.ptr, data.size);
+}
 
 // Walks the entries of one record, keeping the offset of the entry being decoded.
 class EntryReader {
@@ -71,7 +75,9 @@ class EntryReader {
   // declare more elements than bytes remain, which bounds what decoding allocates.
   msgpack::object_handle Next() {
     entry_ = offset_;
-    if (offset_ == bytes_.size()) Fail("no closing entry", offset_);
+    if (offset_ == bytes_.size()) {
+      Fail(offset_ == 0 ? "no window record header" : "no closing entry", offset_);
+    }
     const std::size_t left = bytes_.size() - offset_;
     const msgpack::unpack_limit limit(left, left, left, left, left, kMaxDepth);
     try {
@@ -88,7 +94,7 @@ class EntryReader {
       Fail("an entry nested too deeply or too long", entry_);
     }
     if (finder.truncated) {
-      Fail("its end within the entry from byte " + std::to_string(entry_), finder.offset);
+      Fail("an entry from byte " + std::to_string(entry_) + " cut short", bytes_.size());
     }
     Fail("bytes that are not MessagePack", finder.offset);
   }
@@ -168,14 +174,14 @@ class EntryReader {
                           : cols <= values / rows && rows * cols == values;
     if (!fits) Malformed(field);
     cw::SampleMatrix matrix(static_cast<Eigen::Index>(rows), static_cast<Eigen::Index>(cols));
-    std::memcpy(matrix.data(), data.ptr, data.size);
+    CopyDoubles(data, matrix.data());
     return matrix;
   }
 
   Eigen::VectorXd Vector(const msgpack::object& object, const char* field) const {
     const msgpack::object_bin& data = Bin(object, field);
     Eigen::VectorXd vector(static_cast<Eigen::Index>(data.size / sizeof(double)));
-    std::memcpy(vector.data(), data.ptr, data.size);
+    CopyDoubles(data, vector.data());
     return vector;
   }
 

@@ -66,7 +66,7 @@ void PackDoubles(Packer& packer, const double* data, Eigen::Index count) {
   }
   const auto bytes = static_cast<std::uint32_t>(size);
   packer.pack_bin(bytes);
-  packer.pack_bin_body(reinterpret_cast<const char*>(data), bytes);
+  if (bytes > 0) packer.pack_bin_body(reinterpret_cast<const char*>(data), bytes);
 }
 
 void PackMatrix(Packer& packer, const std::optional<cw::SampleMatrix>& matrix) {
@@ -111,6 +111,15 @@ void PackWindow(msgpack::sbuffer& entry, const cw::WindowPayload& window, double
   PackFloat64(entry, popped_s);
 }
 
+// Close() where nothing can report its failure: the file is then left without its closing
+// entry, which the reader refuses as truncated.
+void CloseQuietly(RecordWriter& writer) noexcept {
+  try {
+    writer.Close();
+  } catch (const std::exception&) {
+  }
+}
+
 }  // namespace
 
 RecordWriter::RecordWriter(const std::string& path) : impl_(std::make_unique<Impl>()) {
@@ -127,14 +136,16 @@ RecordWriter::RecordWriter(const std::string& path) : impl_(std::make_unique<Imp
 }
 
 RecordWriter::RecordWriter(RecordWriter&& other) noexcept = default;
-RecordWriter& RecordWriter::operator=(RecordWriter&& other) noexcept = default;
-RecordWriter::~RecordWriter() {
-  try {
-    if (impl_) Close();
-  } catch (const std::exception&) {
-    // A destructor cannot report the failure; Close() does.
+
+RecordWriter& RecordWriter::operator=(RecordWriter&& other) noexcept {
+  if (this != &other) {
+    CloseQuietly(*this);
+    impl_ = std::move(other.impl_);
   }
+  return *this;
 }
+
+RecordWriter::~RecordWriter() { CloseQuietly(*this); }
 
 void RecordWriter::Append(const cw::WindowPayload& window, double popped_s) {
   if (!std::isfinite(popped_s)) throw std::invalid_argument("popped_s must be finite.");
@@ -148,7 +159,7 @@ void RecordWriter::Append(const cw::WindowPayload& window, double popped_s) {
 }
 
 void RecordWriter::Close() {
-  if (impl_->file == nullptr) return;
+  if (!impl_ || impl_->file == nullptr) return;  // closed, or moved from
   Packer packer(impl_->StartEntry());
   packer.pack_map(1);
   PackKey(packer, format::kWindowsKey);
@@ -159,6 +170,8 @@ void RecordWriter::Close() {
 }
 
 std::size_t RecordWriter::windows() const { return impl_->windows; }
+
+const std::string& RecordWriter::path() const { return impl_->path; }
 
 void RecordWriter::Impl::WriteEntry() {
   const std::size_t written = std::fwrite(entry.data(), 1, entry.size(), file);

@@ -5,7 +5,8 @@ import enum
 import numpy as np
 import numpy.typing as npt
 
-from corvane_window import Array, ArrayLike, LiftedMpcSolveSession, TrajectoryWindowHandle
+from corvane_window import (Array, ArrayLike, LiftedMpcSolveSession, TrajectoryWindowHandle,
+                            WindowPayload, WindowSlice)
 
 class VibrationMode:
     natural_frequency_hz: float
@@ -88,3 +89,4 @@ class LiftedMpcWeights:
 class LiftedMpcSolver(LiftedMpcSolveSession):
     def __init__(self, sample_time_s: float, horizon_samples: int,
                  weights: LiftedMpcWeights = ...) -> None: ...
+    def SolveInto(self, request: WindowSlice, window: WindowPayload) -> None: ...

@@ -161,6 +161,18 @@ std::optional<cw::WindowPayload> Pop(cw::AsyncWindowBuffer& buffer, const Timeou
   });
 }
 
+bool PopInto(cw::AsyncWindowBuffer& buffer, cw::WindowPayload& window, const Timeout& timeout) {
+  const std::atomic<bool>& stop_requested = TrackedOf(buffer).stop_requested;
+  const Deadline deadline(timeout);
+  return WithLentWindow(window, [&](cw::WindowPayload& lent) {
+    return UntilDone([&]() -> std::optional<bool> {
+      if (buffer.PopInto(lent, deadline.NextSlice())) return true;
+      if (deadline.Passed() || stop_requested || buffer.IsComplete()) return false;
+      return std::nullopt;
+    });
+  });
+}
+
 // One window at a time, handling signals in between; a lifted-MPC producer's wait for its
 // first sample is made here, in slices, before the library would make it without a limit.
 std::size_t Prefill(cw::AsyncWindowBuffer& buffer, std::size_t max_windows) {
@@ -278,6 +290,12 @@ void BindAsyncWindowBuffer(py::module_& module) {
            "deadline or at the end; at the end, raises the worker's failure, if any, on every "
            "call.")
       .def("PopNowait", &Buffer::PopNowait, "Pop() with a zero time-out: never waits.")
+      .def("PopInto", &PopInto, py::arg("window"), py::arg("timeout") = py::none(),
+           "The allocation-free pop: waits as Pop() does, then swaps the oldest window into "
+           "`window` (a WindowPayload) and returns True; False at the deadline or at the end (at "
+           "an end with a failure, raises it as Pop() does). What `window` held before goes back "
+           "to the buffer, whose worker reuses its storage. Wakes a worker waiting for room only "
+           "once the queue has fallen to half its capacity.")
       .def("HasBufferedData", &Buffer::HasBufferedData, "Whether any window is queued.")
       .def("IsComplete", &Buffer::IsComplete,
            "Whether the worker has finished and the queue is empty.")

@@ -2,6 +2,7 @@
 #include "module.hpp"
 
 #include "engines/engines.hpp"
+#include "io/io.hpp"
 
 PYBIND11_MODULE(corvane_window, module) {
   module.doc() =
@@ -28,4 +29,5 @@ PYBIND11_MODULE(corvane_window, module) {
   corvane::python::BindWorkerSettings(module);
   corvane::python::BindReplacement(module);
   corvane::python::BindEngines(module);
+  corvane::python::BindIo(module);
 }

@@ -8,6 +8,7 @@
 // the library's own producers run without it.
 #include "producers.hpp"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -15,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include <pybind11/functional.h>
 #include <window/reference_buffer.hpp>
 
 #include "collectable.hpp"
@@ -102,6 +104,8 @@ class PythonProducer final : public PythonOverrides<cw::WindowProducerSession> {
   std::optional<cw::WindowPayload> Finalize() override {
     return Call<std::optional<cw::WindowPayload>>("Finalize");
   }
+  // Only for a subclass that defines SetReadySignal: hands it a callable, or None.
+  void SetReadySignal(const std::function<void()>& signal) { Call<void>("SetReadySignal", signal); }
 };
 
 class PythonHandle final : public PythonOverrides<cw::TrajectoryWindowHandle> {
@@ -188,7 +192,7 @@ Second* AlsoA(const Owned<Interface>& owned) {
 }
 
 // Resumable when the producer it owns is.
-class OwnedProducer final : public cw::WindowProducerSession, public cw::ResumableWindowProducer {
+class OwnedProducer : public cw::WindowProducerSession, public cw::ResumableWindowProducer {
  public:
   explicit OwnedProducer(py::object producer) : producer_(std::move(producer)) {}
   void PrepareSession() override { producer_->PrepareSession(); }
@@ -207,8 +211,19 @@ class OwnedProducer final : public cw::WindowProducerSession, public cw::Resumab
     AlsoA<cw::ResumableWindowProducer>(producer_)->Resume(start_index, previous_command);
   }
 
- private:
+ protected:
   Owned<cw::WindowProducerSession> producer_;
+};
+
+// A Python subclass that defines SetReadySignal(signal): a worker that sleeps when nothing is
+// ready hands it a callable to call, from any thread, once a window may be ready, and None as it
+// ends.
+class OwnedSignallingProducer final : public OwnedProducer, public cw::ReadySignallingProducer {
+ public:
+  using OwnedProducer::OwnedProducer;
+  void SetReadySignal(std::function<void()> signal) override {
+    dynamic_cast<PythonProducer&>(*producer_.operator->()).SetReadySignal(signal);
+  }
 };
 
 class OwnedHandle final : public cw::TrajectoryWindowHandle {
@@ -320,7 +335,10 @@ void BindProducerSession(py::module_& module) {
                    "WindowPayload | None. PrepareSession() runs once; while IsExhausted() is "
                    "false, ProduceNext() (None means nothing is ready yet, not the end); once "
                    "exhausted, Finalize() until it returns None. Once a buffer has taken a "
-                   "session, only the buffer calls it.")
+                   "session, only the buffer calls it. A subclass may also define "
+                   "SetReadySignal(signal): a worker that sleeps when nothing is ready "
+                   "(WorkerIdle) then hands it a callable to call, from any thread, once a window "
+                   "may be ready, and None as it ends; the callable must not be called after.")
           .c_str())
       .def(py::init<>(), kSubclassInit)
       .def("PrepareSession", OwnedMethod(&Session::PrepareSession),
@@ -384,14 +402,30 @@ void BindLiftedMpcProducer(py::module_& module) {
            "rows of reference handed to the solver per request. sample_time_s: [s] sample "
            "period, finite and positive. global_start_index: global index of reference sample 0. "
            "Takes the solver, which nobody else may use from then on. Raises ValueError for "
-           "None, then a bad apply/lookahead pair, then a bad sample period.");
+           "None, then a bad apply/lookahead pair, then a bad sample period.")
+      .def(
+          "ProduceNextInto",
+          [](py::handle self, cw::WindowPayload& window) {
+            CheckNotTaken(self);
+            auto& producer = self.cast<LiftedMpcProducer&>();
+            return WithLentWindow(window, [&](cw::WindowPayload& lent) {
+              return WithoutGil([&] { return producer.ProduceNextInto(lent); });
+            });
+          },
+          py::arg("window"),
+          "ProduceNext() written into `window` (a WindowPayload), reusing its storage: True when "
+          "a window was written, False when none is ready.");
 }
 
 }  // namespace
 
 AdoptedProducer AdoptProducer(const py::object& producer) {
-  AdoptedProducer adopted{Adopt<OwnedProducer, cw::WindowProducerSession>(producer, "producer"),
-                          producer, nullptr};
+  const bool signals = py::isinstance<cw::WindowProducerSession>(producer) &&
+                       py::hasattr(producer, "SetReadySignal");
+  AdoptedProducer adopted{
+      signals ? Adopt<OwnedSignallingProducer, cw::WindowProducerSession>(producer, "producer")
+              : Adopt<OwnedProducer, cw::WindowProducerSession>(producer, "producer"),
+      producer, nullptr};
   if (const auto* lifted = py::isinstance<LiftedMpcProducer>(producer)
                                ? &producer.cast<const LiftedMpcProducer&>()
                                : nullptr) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include <window/producers.hpp>
 #include <window/reference_buffer.hpp>
@@ -25,6 +26,20 @@ struct AdoptedProducer {
 // holds it. From then on the object belongs to the library: adopting it again, or calling its
 // methods from Python, raises RuntimeError. Raises TypeError for any other object. Needs the GIL.
 AdoptedProducer AdoptProducer(const py::object& producer);
+
+// Runs `call` on a window that has borrowed the storage of `window`, and gives the storage back
+// afterwards, also when `call` throws: a call made without the GIL then works on a window that no
+// other Python thread can see change meanwhile. Needs the GIL.
+template <class Call>
+bool WithLentWindow(cw::WindowPayload& window, Call call) {
+  struct GiveBack {
+    cw::WindowPayload& owner;
+    cw::WindowPayload lent;
+    ~GiveBack() { std::swap(owner, lent); }
+  } loan{window, {}};
+  std::swap(loan.owner, loan.lent);
+  return call(loan.lent);
+}
 
 // The solver for a session that owns one (a lifted-MPC producer, a shaping stage): None becomes
 // a null pointer, which the owner refuses with its own message; anything else must be a

@@ -85,6 +85,18 @@ void BindReferenceBuffer(py::module_& module) {
            "A ReferenceWindow copying samples [start, stop); rows past the stored samples repeat "
            "the last one. Raises ValueError when start >= stop, or when start is not a stored "
            "sample or has been dropped by a retention.")
+      .def(
+          "CopyWindowWithTerminalPadding",
+          [](const Buffer& buffer, std::size_t start, std::size_t stop,
+             cw::ReferenceWindow& window) {
+            window.terminal_padding_samples =
+                buffer.CopyWindowWithTerminalPadding(start, stop, window.positions);
+            return window.terminal_padding_samples;
+          },
+          py::arg("start"), py::arg("stop"), py::arg("window"),
+          "WindowWithTerminalPadding(start, stop) written into `window` (a ReferenceWindow), "
+          "reusing its storage when it has that shape already; returns the padding rows. Raises "
+          "as WindowWithTerminalPadding does, leaving `window` unchanged.")
       .def("WaitUntilSamples", &WaitForSamples, py::arg("count"), py::arg("timeout") = py::none(),
            "Waits, with the GIL released, until at least `count` samples are stored, the stream "
            "is finished, or the time-out (seconds or timedelta; None: no limit) passes; returns "

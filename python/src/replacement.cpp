@@ -94,6 +94,8 @@ void BindReferenceReplacement(const py::object& buffer) {
             "AppendedRange written. Raises ValueError when start_index is beyond the stored "
             "samples or dropped by the retention (naming the first retained sample), and for a "
             "block that AppendReference would refuse; RuntimeError after Finish().");
+  AddMethod(buffer, "first_retained_sample", &cw::AppendableReferenceBuffer::first_retained_sample,
+            "Index of the oldest sample still stored: 0 without a retention.");
 }
 
 void BindWindowReplacement(const py::object& buffer) {

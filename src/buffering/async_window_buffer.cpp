@@ -7,6 +7,12 @@
 #include "common/timed_wait.hpp"
 
 namespace corvane::control::window {
+namespace {
+
+// Slots an unbounded queue starts with; it doubles them when they are all taken.
+constexpr std::size_t kUnboundedSlots = 16;
+
+}  // namespace
 
 AsyncWindowBuffer::Impl::Impl(std::unique_ptr<WindowProducerSession> producer_in,
                               std::size_t prefill_windows_in,
@@ -14,6 +20,7 @@ AsyncWindowBuffer::Impl::Impl(std::unique_ptr<WindowProducerSession> producer_in
     : producer(std::move(producer_in)),
       prefill_windows(prefill_windows_in),
       max_buffered_windows(max_buffered_windows_in),
+      queue(max_buffered_windows_in.value_or(kUnboundedSlots)),
       statistics(prefill_windows_in) {}
 
 // The producer is moved in first, so the caller's pointer is empty whatever follows, and a
@@ -96,24 +103,43 @@ bool AsyncWindowBuffer::Impl::HasWindowOrEnd() const {
 }
 
 // A zero time-out only tests; any other wait sleeps on the condition variable at once.
+bool AsyncWindowBuffer::Impl::WaitForWindow(std::unique_lock<PriorityInheritingMutex>& lock,
+                                            std::optional<std::chrono::nanoseconds> timeout) {
+  if (!WaitWithTimeout(cv, lock, timeout, [this] { return HasWindowOrEnd(); })) {
+    return false;  // deadline passed: nothing to report yet
+  }
+  // Queued windows always come out before the end, and before the failure that ended it.
+  if (queue.empty() && failure) std::rethrow_exception(failure);
+  return !queue.empty();
+}
+
 std::optional<WindowPayload> AsyncWindowBuffer::Pop(
     std::optional<std::chrono::nanoseconds> timeout) {
   Impl& state = *impl_;
   auto lock = state.Lock();
-  if (!WaitWithTimeout(state.cv, lock, timeout, [&state] { return state.HasWindowOrEnd(); })) {
-    return std::nullopt;  // deadline passed: nothing to report yet
-  }
-
-  // Queued windows always come out before the end, and before the failure that ended it.
-  if (state.queue.empty()) {
-    if (state.failure) std::rethrow_exception(state.failure);
-    return std::nullopt;
-  }
+  if (!state.WaitForWindow(lock, timeout)) return std::nullopt;
   std::optional<WindowPayload> window(std::move(state.queue.front()));
   state.queue.pop_front();
   lock.unlock();
   state.cv.notify_all();  // a worker may be waiting for room
   return window;
+}
+
+bool AsyncWindowBuffer::Impl::WorkerNeedsWake() const {
+  return worker_waits_for_room && queue.size() <= max_buffered_windows.value_or(0) / 2;
+}
+
+bool AsyncWindowBuffer::PopInto(WindowPayload& window,
+                                std::optional<std::chrono::nanoseconds> timeout) {
+  Impl& state = *impl_;
+  auto lock = state.Lock();
+  if (!state.WaitForWindow(lock, timeout)) return false;
+  std::swap(window, state.queue.front());
+  state.queue.pop_front();
+  const bool wake = state.WorkerNeedsWake();
+  lock.unlock();
+  if (wake) state.cv.notify_all();
+  return true;
 }
 
 std::optional<WindowPayload> AsyncWindowBuffer::PopNowait() {

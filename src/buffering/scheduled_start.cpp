@@ -87,6 +87,16 @@ void ScheduleThisThread(const WorkerSettings& settings) {
   ApplyPolicy(settings.policy, settings.priority);
 }
 
+// Whether the worker, already scheduled, sleeps when its producer has nothing ready: as asked, or,
+// when left automatic, under a real-time policy, whether asked for or inherited.
+bool IdleWaits(WorkerIdle idle) {
+  if (idle != WorkerIdle::kAutomatic) return idle == WorkerIdle::kWait;
+  int policy = SCHED_OTHER;
+  sched_param parameters{};
+  pthread_getschedparam(pthread_self(), &policy, &parameters);
+  return policy == SCHED_FIFO || policy == SCHED_RR;
+}
+
 }  // namespace
 
 void AsyncWindowBuffer::Start(const WorkerSettings& settings) {
@@ -102,6 +112,7 @@ void AsyncWindowBuffer::Start(const WorkerSettings& settings) {
         scheduled.set_exception(std::current_exception());
         return;
       }
+      state->idle_waits = IdleWaits(settings.idle);
       scheduled.set_value();
       state->Run();
     });

@@ -42,7 +42,7 @@ void PruneJoins(ReplacementState& state, std::size_t earliest, std::list<JoinPoi
 
 // Step one, under the buffer's lock: checks the index and takes the queued windows from it on out
 // of the queue. Windows before start_index stay queued and may still be popped.
-HeldTail TakeTail(ReplacementState& state, std::deque<WindowPayload>& queue,
+HeldTail TakeTail(ReplacementState& state, WindowRing& queue,
                   std::optional<std::size_t> start_index) {
   const std::size_t earliest = state.Earliest(queue);
   HeldTail held;
@@ -69,8 +69,8 @@ HeldTail TakeTail(ReplacementState& state, std::deque<WindowPayload>& queue,
 }
 
 // Step three after a refusal, under the buffer's lock: everything goes back as it was.
-void PutTailBack(ReplacementState& state, std::deque<WindowPayload>& queue, HeldTail& held) {
-  for (WindowPayload& window : held.windows) queue.push_back(std::move(window));
+void PutTailBack(ReplacementState& state, WindowRing& queue, HeldTail& held) {
+  for (WindowPayload& window : held.windows) queue.PushSwap(window);
   state.joins.splice(state.joins.end(), held.joins);
   state.produced_stop = held.produced_stop;
   state.fenced = false;
@@ -178,23 +178,22 @@ void AsyncWindowBuffer::Impl::ResumeIfReplaced() {
   replacement->producer.Resume(pending->start_index, pending->previous_command);
 }
 
-void AsyncWindowBuffer::Impl::NoteProduced(WindowPayload& window, double charged_s,
-                                           double duration_s) {
+void AsyncWindowBuffer::Impl::NoteCharged(double charged_s, double duration_s) {
   replacement->last_charged_s = charged_s;
   replacement->last_duration_s = duration_s;
-  if (replacement->adopted_plan > 0) {
-    window.metadata.insert_or_assign(kReplacementsMetadataKey,
-                                     std::to_string(replacement->adopted_plan));
-  }
 }
 
-// What the join point needs is allocated before the lock is taken, and what pruning drops is freed
-// after it has been released. A window produced for a plan that has moved on is discarded.
-void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload&& window) {
+// The plan is stamped and what the join point needs is allocated before the lock is taken, and
+// what pruning drops is freed after it has been released. A window produced for a plan that has
+// moved on is discarded; one queued leaves `window` with the slot's old storage, as QueueWindow.
+void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload& window) {
   ReplacementState& state = *replacement;
+  if (state.adopted_plan > 0) {
+    window.metadata[kReplacementsMetadataKey] = std::to_string(state.adopted_plan);
+  }
   std::list<JoinPoint> join;
-  join.push_back(
-      JoinPoint{window.stop_index, LastRow(window), state.last_charged_s, state.last_duration_s});
+  join.push_back(JoinPoint{window.stop_index, LastRow(window), state.last_charged_s,
+                           state.last_duration_s});
   std::list<JoinPoint> dropped;
   {
     auto lock = Lock();
@@ -205,8 +204,8 @@ void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload&& window) {
       state.totals.discarded_duration_s += state.last_duration_s;
       return;
     }
-    queue.push_back(std::move(window));
-    state.produced_stop = queue.back().stop_index;
+    state.produced_stop = window.stop_index;
+    queue.PushSwap(window);
     state.joins.splice(state.joins.end(), join);
     PruneJoins(state, state.Earliest(queue), dropped);
   }

@@ -11,11 +11,11 @@
 #pragma once
 
 #include <cstddef>
-#include <deque>
 #include <list>
 #include <mutex>
 #include <optional>
 
+#include "buffering/window_ring.hpp"
 #include "window/async_buffer.hpp"
 #include "window/replacement.hpp"
 
@@ -58,7 +58,7 @@ struct CORVANE_HIDDEN ReplacementState {
   double last_duration_s = 0.0;  // [s] its duration
 
   // The earliest index a replacement may start at: the end of the last window handed out.
-  std::size_t Earliest(const std::deque<WindowPayload>& queue) const {
+  std::size_t Earliest(WindowRing& queue) const {
     return queue.empty() ? produced_stop : queue.front().start_index;
   }
 };

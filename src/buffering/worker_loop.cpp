@@ -51,13 +51,41 @@ void StoreFailureText(const std::exception_ptr& failure,
 void AsyncWindowBuffer::Impl::Run() noexcept {
   try {
     PrepareSessionOnce();
+    ConnectProducerExtensions();
     RunInitialPhase();
     RunSteadyPhase();
     RunTailPhase();
   } catch (...) {
     CaptureFailure();
   }
+  if (ready_source != nullptr) DisconnectReadySignal();
   MarkFinished();
+}
+
+// Finds what the producer offers beyond the session interface. Its ready signal is installed only
+// for a worker that sleeps when nothing is ready.
+void AsyncWindowBuffer::Impl::ConnectProducerExtensions() {
+  recycling = dynamic_cast<RecyclingWindowProducer*>(producer.get());
+  if (!idle_waits) return;
+  ready_source = dynamic_cast<ReadySignallingProducer*>(producer.get());
+  if (ready_source != nullptr) ready_source->SetReadySignal([this] { RaiseReady(); });
+}
+
+// As the worker ends. A failure here has no consumer left to reach; the producer then keeps a
+// signal that nobody may raise once the buffer is gone, as its contract says.
+void AsyncWindowBuffer::Impl::DisconnectReadySignal() noexcept {
+  try {
+    ready_source->SetReadySignal(nullptr);
+  } catch (...) {
+  }
+}
+
+void AsyncWindowBuffer::Impl::RaiseReady() {
+  {
+    auto lock = Lock();
+    ready_raised = true;
+  }
+  cv.notify_all();
 }
 
 // Prefill (before Start) and the worker (after it) never run at once, so the flag needs no lock.
@@ -73,26 +101,43 @@ void AsyncWindowBuffer::Impl::RunInitialPhase() {
   for (std::size_t queued = 0; queued < prefill_windows; ++queued) {
     if (ProducerExhausted()) return;
     if (!WaitForRoom()) return;
-    std::optional<WindowPayload> window = ProduceWindow();
-    if (!window) return;  // nothing ready: on to the steady phase without yielding
-    QueueWindow(std::move(*window));
+    if (!ProduceIntoSpare()) return;  // nothing ready: on to the steady phase without yielding
+    QueueWindow(std::move(spare));    // spare gets the slot's old storage
   }
 }
 
 // One window at a time until a stop or the producer's exhaustion. A producer with nothing ready
-// is polled again after the processor has been yielded once.
+// is asked again after the idle step.
 void AsyncWindowBuffer::Impl::RunSteadyPhase() {
   while (true) {
     if (StopRequested()) return;
     if (ProducerExhausted()) return;
     if (!WaitForRoom()) return;
-    std::optional<WindowPayload> window = ProduceWindow();
-    if (!window) {
-      std::this_thread::yield();
+    if (!ProduceIntoSpare()) {
+      IdleUntilReady();
       continue;
     }
-    QueueWindow(std::move(*window));
+    idle_sleep = kFirstIdleSleep;
+    QueueWindow(std::move(spare));
   }
+}
+
+// A yield, as the plain loop does; or, for a worker set to wait, a sleep until the producer's
+// ready signal or a stop, or without a signal one back-off step, each twice the last.
+void AsyncWindowBuffer::Impl::IdleUntilReady() {
+  if (!idle_waits) {
+    std::this_thread::yield();
+    return;
+  }
+  auto lock = Lock();
+  const auto woken = [this] { return ready_raised || stop_requested; };
+  if (ready_source != nullptr) {
+    cv.wait(lock, woken);
+  } else {
+    cv.wait_until(lock, std::chrono::steady_clock::now() + idle_sleep, woken);
+    idle_sleep = std::min(2 * idle_sleep, kLongestIdleSleep);
+  }
+  ready_raised = false;
 }
 
 // Drains the producer's final windows. They are validated and queued but neither timed nor
@@ -118,9 +163,12 @@ bool AsyncWindowBuffer::Impl::HasRoomOrStop() const {
 }
 
 // Returns true when the queue has room, false when the wait ended in a stop (tested first).
+// PopInto wakes a sleeping worker only at half capacity; the flag tells it that one sleeps.
 bool AsyncWindowBuffer::Impl::WaitForRoom() {
   auto lock = Lock();
+  worker_waits_for_room = true;
   cv.wait(lock, [this] { return HasRoomOrStop(); });
+  worker_waits_for_room = false;
   return !stop_requested;
 }
 
@@ -132,14 +180,33 @@ std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
   std::optional<WindowPayload> window = producer->ProduceNext();
   const auto t1 = std::chrono::steady_clock::now();
   if (!window) return std::nullopt;  // nothing ready: nothing recorded
-
-  ValidateWindowPayload(*window);
-  const double measured_s = SecondsBetween(t0, t1);
-  const double charged_s = std::max(measured_s, window->compute_time_s);
-  const double duration_s = WindowDurationSeconds(*window);
-  RecordStatistics(charged_s, duration_s);
-  if (replacement) NoteProduced(*window, charged_s, duration_s);
+  Charge(*window, SecondsBetween(t0, t1));
   return window;
+}
+
+// The worker's production step: as above, the window written into `spare`, through
+// ProduceNextInto where the producer offers it.
+bool AsyncWindowBuffer::Impl::ProduceIntoSpare() {
+  if (replacement) ResumeIfReplaced();
+  const auto t0 = std::chrono::steady_clock::now();
+  bool produced = false;
+  if (recycling != nullptr) {
+    produced = recycling->ProduceNextInto(spare);
+  } else if (std::optional<WindowPayload> window = producer->ProduceNext()) {
+    spare = std::move(*window);  // what spare held is freed here, on the worker
+    produced = true;
+  }
+  const auto t1 = std::chrono::steady_clock::now();
+  if (produced) Charge(spare, SecondsBetween(t0, t1));
+  return produced;
+}
+
+void AsyncWindowBuffer::Impl::Charge(const WindowPayload& window, double measured_s) {
+  ValidateWindowPayload(window);
+  const double charged_s = std::max(measured_s, window.compute_time_s);
+  const double duration_s = WindowDurationSeconds(window);
+  RecordStatistics(charged_s, duration_s);
+  if (replacement) NoteCharged(charged_s, duration_s);
 }
 
 // One entry for both figures, in one lock scope. What the entry needs allocated is allocated
@@ -150,15 +217,16 @@ void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration
   statistics.Record(charged_s, duration_s, growth);
 }
 
-// The queueing step: the window is moved, never copied, to the back of the queue.
+// The queueing step: the window is moved, never copied, to the back of the queue, and `window` is
+// left holding the storage of whatever window that slot held last, for the worker to reuse.
 void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
   if (replacement) {
-    QueueUnlessReplaced(std::move(window));
+    QueueUnlessReplaced(window);
     return;
   }
   {
     auto lock = Lock();
-    queue.push_back(std::move(window));
+    queue.PushSwap(window);
   }
   cv.notify_all();
 }

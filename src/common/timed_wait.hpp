@@ -4,8 +4,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <optional>
 
 namespace corvane::control::window {
@@ -22,8 +20,10 @@ inline std::chrono::steady_clock::time_point DeadlineAfter(std::chrono::nanoseco
 // Waits on `cv`, with `lock` held, until `ready()` holds or the time-out passes; `ready` is
 // tested before the first wait and after every wake-up. Returns ready(). A zero or negative
 // time-out only tests it: the thread is never put to sleep, not even for an expired deadline.
-template <typename Ready>
-bool WaitWithTimeout(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+// Works with any condition variable that offers wait(lock, ready) and wait_until(lock, deadline,
+// ready) on the steady clock.
+template <typename ConditionVariable, typename Lock, typename Ready>
+bool WaitWithTimeout(ConditionVariable& cv, Lock& lock,
                      std::optional<std::chrono::nanoseconds> timeout, Ready ready) {
   if (!timeout) {
     cv.wait(lock, ready);

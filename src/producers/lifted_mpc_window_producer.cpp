@@ -6,6 +6,8 @@
 // solver is never called under a lock.
 #include <algorithm>
 #include <cmath>
+#include <iterator>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -26,20 +28,33 @@ struct CORVANE_HIDDEN AppendableLiftedMpcWindowProducer::Impl {
   std::size_t cursor = 0;              // first reference sample not yet applied
   bool prepared = false;               // the solver's Prepare() has returned
   bool finalized = false;              // the solver's Finalize() has returned
+  WindowSlice request{};               // the last solve request; its storage is reused
+  // The solver, when it can write into a recycled window; else null.
+  RecyclingLiftedMpcSolveSession* recycling_solver =
+      dynamic_cast<RecyclingLiftedMpcSolveSession*>(solve_session.get());
   ResumableSolveSession* resumable = nullptr;  // the solver as resumable, when it is and can
 
   bool IsExhausted() const;
   // How many rows the next window applies, or nothing when no reference remains to apply.
   std::optional<std::size_t> NextApplyCount();
-  // Solves the window of `apply_count` rows at the cursor and stamps it; the cursor stays.
-  WindowPayload SolveWindowAtCursor(std::size_t apply_count);
+  // Solves the window of `apply_count` rows at the cursor into `window` and stamps it; the cursor
+  // stays.
+  void SolveWindowAtCursor(std::size_t apply_count, WindowPayload& window);
+  // Writes the request for the window of `apply_count` rows at the cursor into `request`.
+  void BuildSolveRequest(std::size_t apply_count);
   // The resume point at reference index `start`: the reference rows before it that the solver
-  // asks for, and the command at start - 1.
+  // asks for (those still stored), and the command at start - 1.
   SolveResumePoint ResumePointAt(std::size_t start,
                                  const std::optional<CommandSample>& previous_command) const;
 };
 
 namespace {
+
+// The metadata keys the producer writes, made once, so that a lookup builds no string (the longest
+// would not fit in a string's own storage and would be allocated on every window).
+const std::string kApplySamplesKey = "apply_samples";
+const std::string kPaddingKey = "terminal_padding_samples";
+const std::string kSampleTimeKey = "sample_time_s";
 
 // The arguments are checked in a fixed order, so the first fault in it is the one reported.
 void CheckConstructorArguments(const LiftedMpcSolveSession* solve_session,
@@ -69,19 +84,13 @@ std::size_t CoverApplyWindow(AppendableReferenceBuffer& reference, std::size_t a
   return reference.available_samples();
 }
 
-// The solve request: the lookahead rows of reference from the cursor on, in reference indices,
-// asking for `apply_count` rows back. Its two metadata entries go into the empty map in key order,
-// each placed at the end without a search.
-WindowSlice BuildSolveRequest(SampleMatrix lookahead, std::size_t cursor, std::size_t apply_count,
-                              const std::string& padding_text) {
-  WindowSlice request;
-  request.start_index = cursor;
-  request.stop_index = cursor + static_cast<std::size_t>(lookahead.rows());
-  request.positions = std::move(lookahead);
-  request.metadata.emplace_hint(request.metadata.end(), "apply_samples",
-                                std::to_string(apply_count));
-  request.metadata.emplace_hint(request.metadata.end(), "terminal_padding_samples", padding_text);
-  return request;
+// Removes every metadata entry but those the producer stamps, so that a recycled window keeps
+// nothing of its past; the stamped ones keep their storage.
+void KeepStampedEntries(std::map<std::string, std::string>& metadata) {
+  for (auto entry = metadata.begin(); entry != metadata.end();) {
+    const bool stamped = entry->first == kSampleTimeKey || entry->first == kPaddingKey;
+    entry = stamped ? std::next(entry) : metadata.erase(entry);
+  }
 }
 
 // The solver's answer is checked as it came back, before anything of it is changed.
@@ -114,34 +123,45 @@ std::optional<std::size_t> AppendableLiftedMpcWindowProducer::Impl::NextApplyCou
   return std::min(apply_samples, available - cursor);
 }
 
-WindowPayload AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(
-    std::size_t apply_count) {
-  ReferenceWindow lookahead =
-      reference_buffer->WindowWithTerminalPadding(cursor, cursor + lookahead_samples);
-  const std::string padding_text = std::to_string(lookahead.terminal_padding_samples);
-  const WindowSlice request =
-      BuildSolveRequest(std::move(lookahead.positions), cursor, apply_count, padding_text);
-  ValidateWindowSlice(request);
+// The lookahead rows of reference from the cursor on, in reference indices, asking for
+// `apply_count` rows back. The request's matrix and metadata entries are overwritten in place.
+void AppendableLiftedMpcWindowProducer::Impl::BuildSolveRequest(std::size_t apply_count) {
+  const std::size_t padding = reference_buffer->CopyWindowWithTerminalPadding(
+      cursor, cursor + lookahead_samples, request.positions);
+  request.start_index = cursor;
+  request.stop_index = cursor + lookahead_samples;
+  request.metadata[kApplySamplesKey] = std::to_string(apply_count);
+  request.metadata[kPaddingKey] = std::to_string(padding);
+}
 
-  WindowPayload window = solve_session->Solve(request);
+void AppendableLiftedMpcWindowProducer::Impl::SolveWindowAtCursor(std::size_t apply_count,
+                                                                  WindowPayload& window) {
+  BuildSolveRequest(apply_count);
+  ValidateWindowSlice(request);
+  if (recycling_solver != nullptr) {
+    KeepStampedEntries(window.metadata);
+    recycling_solver->SolveInto(request, window);
+  } else {
+    window = solve_session->Solve(request);
+  }
   CheckSolveResult(window, apply_count);
 
   // Stamp the answer with its global range and the producer's metadata; any other metadata of
   // the solver passes through.
   window.start_index = global_start_index + cursor;
   window.stop_index = window.start_index + apply_count;
-  window.metadata.insert_or_assign("sample_time_s", sample_time_text);
-  window.metadata.insert_or_assign("terminal_padding_samples", padding_text);
-  return window;
+  window.metadata[kSampleTimeKey] = sample_time_text;
+  window.metadata[kPaddingKey] = request.metadata[kPaddingKey];
 }
 
 SolveResumePoint AppendableLiftedMpcWindowProducer::Impl::ResumePointAt(
     std::size_t start, const std::optional<CommandSample>& previous_command) const {
   SolveResumePoint point{start, previous_command, SampleMatrix()};
-  const std::size_t history = std::min(start, resumable->ResumeHistorySamples());
-  if (history > 0) {
-    point.reference_before =
-        reference_buffer->WindowWithTerminalPadding(start - history, start).positions;
+  // Rows that a retention has dropped are left out: the solver gets what is still stored.
+  const std::size_t first = std::max(start - std::min(start, resumable->ResumeHistorySamples()),
+                                     reference_buffer->first_retained_sample());
+  if (first < start) {
+    point.reference_before = reference_buffer->WindowWithTerminalPadding(first, start).positions;
   }
   return point;
 }
@@ -188,18 +208,24 @@ void AppendableLiftedMpcWindowProducer::PrepareSession() {
 }
 
 std::optional<WindowPayload> AppendableLiftedMpcWindowProducer::ProduceNext() {
+  WindowPayload window;
+  if (!ProduceNextInto(window)) return std::nullopt;
+  return window;
+}
+
+bool AppendableLiftedMpcWindowProducer::ProduceNextInto(WindowPayload& window) {
   if (!impl_->prepared) {
     throw std::runtime_error("PrepareSession() must run before ProduceNext().");
   }
   const std::optional<std::size_t> apply_count = impl_->NextApplyCount();
   if (!apply_count.has_value()) {
-    return std::nullopt;
+    return false;
   }
-  WindowPayload window = impl_->SolveWindowAtCursor(*apply_count);
+  impl_->SolveWindowAtCursor(*apply_count, window);
   // Only a window that made it this far moves the cursor; after any failure the next call asks
   // for the same window again.
   impl_->cursor += *apply_count;
-  return window;
+  return true;
 }
 
 bool AppendableLiftedMpcWindowProducer::IsExhausted() const { return impl_->IsExhausted(); }

@@ -284,6 +284,13 @@ std::size_t AppendableReferenceBuffer::ExtendHoldTo(std::size_t target_samples) 
 
 ReferenceWindow AppendableReferenceBuffer::WindowWithTerminalPadding(std::size_t start,
                                                                      std::size_t stop) const {
+  ReferenceWindow window;
+  window.terminal_padding_samples = CopyWindowWithTerminalPadding(start, stop, window.positions);
+  return window;
+}
+
+std::size_t AppendableReferenceBuffer::CopyWindowWithTerminalPadding(
+    std::size_t start, std::size_t stop, SampleMatrix& positions) const {
   if (start >= stop) {
     throw std::invalid_argument("Invalid reference window indices.");
   }
@@ -300,13 +307,10 @@ ReferenceWindow AppendableReferenceBuffer::WindowWithTerminalPadding(std::size_t
   // Rows [start, end) are stored samples; the rows after them repeat sample end - 1, which is
   // then the last stored sample.
   const std::size_t end = std::min(count, stop);
-  ReferenceWindow window;
-  window.positions.resize(ToIndex(stop - start), impl_->positions.cols());
-  impl_->ReadRows(start, window.positions.topRows(ToIndex(end - start)));
-  window.positions.bottomRows(ToIndex(stop - end)).rowwise() =
-      window.positions.row(ToIndex(end - start - 1));
-  window.terminal_padding_samples = stop - end;
-  return window;
+  positions.resize(ToIndex(stop - start), impl_->positions.cols());
+  impl_->ReadRows(start, positions.topRows(ToIndex(end - start)));
+  positions.bottomRows(ToIndex(stop - end)).rowwise() = positions.row(ToIndex(end - start - 1));
+  return stop - end;
 }
 
 bool AppendableReferenceBuffer::WaitUntilSamples(std::size_t count,
@@ -326,6 +330,11 @@ std::size_t AppendableReferenceBuffer::available_samples() const {
 bool AppendableReferenceBuffer::is_finished() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->finished;
+}
+
+std::size_t AppendableReferenceBuffer::first_retained_sample() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->FirstRetained();
 }
 
 SampleMatrix AppendableReferenceBuffer::PositionsCopy() const {

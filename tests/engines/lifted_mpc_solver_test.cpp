@@ -1,10 +1,15 @@
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
 
 #include <cstddef>
+#include <memory>
+#include <optional>
 #include <stdexcept>
+#include <tuple>
 
 #include <gtest/gtest.h>
+#include <window/producers.hpp>
 #include <window/records.hpp>
+#include <window/reference_buffer.hpp>
 
 namespace {
 
@@ -83,3 +88,37 @@ TEST(LiftedMpcSolverTest, RejectsBadRequestsAndArguments) {
 }
 
 }  // namespace
+
+// Through the streaming producer, a window written into recycled storage equals a fresh one, down
+// to its metadata, whatever the storage held: another window's shape and stale entries, or the
+// previous window, up to the short last one.
+TEST(LiftedMpcSolverTest, WindowsWrittenIntoRecycledStorageEqualFreshOnes) {
+  auto reference = std::make_shared<cw::AppendableReferenceBuffer>(2);
+  reference->AppendReference(cw::SampleMatrix::Random(33, 2));
+  reference->Finish();
+  const auto make_producer = [&] {
+    auto producer = std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
+        std::make_unique<LiftedMpcSolver>(kSampleTimeS, 12), reference, 5, 12, kSampleTimeS, 7);
+    producer->PrepareSession();
+    return producer;
+  };
+  const auto fresh = make_producer();
+  const auto recycling = make_producer();
+  cw::WindowPayload storage;
+  storage.positions = cw::SampleMatrix::Ones(3, 7);
+  storage.time_s = Eigen::VectorXd::Zero(1);
+  storage.metadata = {{"sample_time_s", "9"}, {"stale", "x"}};
+  std::size_t windows = 0;
+  while (const std::optional<cw::WindowPayload> expected = fresh->ProduceNext()) {
+    ASSERT_TRUE(recycling->ProduceNextInto(storage));
+    EXPECT_EQ(storage.positions, expected->positions);
+    EXPECT_EQ(*storage.velocities, *expected->velocities);
+    EXPECT_EQ(*storage.accelerations, *expected->accelerations);
+    EXPECT_EQ(*storage.time_s, *expected->time_s);
+    EXPECT_EQ(std::tie(storage.start_index, storage.stop_index, storage.metadata),
+              std::tie(expected->start_index, expected->stop_index, expected->metadata));
+    ++windows;
+  }
+  EXPECT_FALSE(recycling->ProduceNextInto(storage));
+  EXPECT_EQ(windows, 7u);  // the last of 3 rows
+}

@@ -18,81 +18,62 @@ namespace {
 
 namespace cw = control::window;
 constexpr double kSampleTimeS = 0.001;
-constexpr std::size_t kApply = 10;
 
-// A smooth move of `rows` samples from `from` to `to`, then `hold` samples at rest on `to`.
-cw::SampleMatrix Move(double from, double to, Eigen::Index rows, Eigen::Index hold) {
-  const Eigen::ArrayXd phase = Eigen::ArrayXd::LinSpaced(rows, 0.0, M_PI);
-  cw::SampleMatrix move(rows + hold, 1);
-  move.topRows(rows) = from + (to - from) * 0.5 * (1.0 - phase.cos());
-  move.bottomRows(hold).setConstant(to);
-  return move;
+// A smooth move from 0 to 1 over 300 samples, then at rest; from `join` on, blended as a planner
+// would, without a kink in position, velocity or acceleration, towards a goal 1.5 lower.
+cw::SampleMatrix Reference(std::size_t rows, std::size_t join) {
+  cw::SampleMatrix reference(rows, 1);
+  for (std::size_t i = 0; i < rows; ++i) {
+    const double t = std::clamp((double(i) - double(join)) / 250.0, 0.0, 1.0);
+    reference(Eigen::Index(i), 0) = 0.5 - 0.5 * std::cos(M_PI * std::min(double(i) / 299.0, 1.0)) -
+                                    1.5 * t * t * t * (10.0 - 15.0 * t + 6.0 * t * t);
+  }
+  return reference;
 }
 
-// The windows' rows end to end; velocities and accelerations stay empty when absent.
-struct Command {
-  cw::SampleMatrix positions{0, 1}, velocities{0, 1}, accelerations{0, 1};
-  void Take(const cw::WindowPayload& window) {
-    for (auto [to, from] : {std::pair{&positions, std::optional{window.positions}},
-                            {&velocities, window.velocities},
-                            {&accelerations, window.accelerations}}) {
-      if (!from) continue;
-      to->conservativeResize(to->rows() + from->rows(), 1);
-      to->bottomRows(from->rows()) = *from;
-    }
-  }
-};
-
-// The new reference from `join` on, as a planner joins it: the old move (at rest on 1 after its
-// end), blended without a kink in position, velocity or acceleration towards a goal 1.5 lower.
-cw::SampleMatrix Retarget(std::size_t join) {
-  const cw::SampleMatrix old = Move(0.0, 1.0, 300, 100);
-  cw::SampleMatrix retarget(350, 1);
-  for (Eigen::Index r = 0; r < 350; ++r) {
-    const Eigen::Index i = Eigen::Index(join) + r;
-    const double t = std::min(double(r) / 250.0, 1.0);
-    retarget(r, 0) =
-        (i < 400 ? old(i, 0) : 1.0) - 1.5 * t * t * t * (10.0 - 15.0 * t + 6.0 * t * t);
-  }
-  return retarget;
-}
-
-// Streams a move of 300 samples held to 400, with 40 windows produced and 5 handed out, then
-// replaces it from `join` on, and returns every window end to end.
-Command Stream(std::unique_ptr<cw::LiftedMpcSolveSession> solver, std::size_t join) {
+// Streams 400 samples of the move in windows of 10, with 40 produced and 5 handed out, then
+// replaces the reference from `join` on; returns `field` of every window, end to end.
+cw::SampleMatrix Stream(std::unique_ptr<cw::LiftedMpcSolveSession> solver, std::size_t join,
+                        std::optional<cw::SampleMatrix> cw::WindowPayload::*field) {
   auto reference = std::make_shared<cw::AppendableReferenceBuffer>(1);
   cw::AppendableWindowBuffer buffer(std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
-                                        std::move(solver), reference, kApply, 40, kSampleTimeS, 0),
+                                        std::move(solver), reference, 10, 40, kSampleTimeS, 0),
                                     reference);
-  reference->AppendReference(Move(0.0, 1.0, 300, 100));
+  reference->AppendReference(Reference(400, 400));
   buffer.Prefill(40);
-  Command command;
-  for (int i = 0; i < 5; ++i) command.Take(*buffer.PopNowait());
-  buffer.ReplaceReference(join, Retarget(join), true);
+  cw::SampleMatrix rows(0, 1);
+  const auto take = [&](const cw::WindowPayload& window) {
+    const cw::SampleMatrix& taken = field ? *(window.*field) : window.positions;
+    rows.conservativeResize(rows.rows() + taken.rows(), 1);
+    rows.bottomRows(taken.rows()) = taken;
+  };
+  for (int i = 0; i < 5; ++i) take(*buffer.PopNowait());
+  buffer.ReplaceReference(join, Reference(join + 350, join).bottomRows(350), true);
   buffer.Prefill(200);
-  while (auto window = buffer.PopNowait()) command.Take(*window);
-  return command;
+  while (auto window = buffer.PopNowait()) take(*window);
+  return rows;
 }
 
-// Joins at the next window, inside a queued window, inside the final hold and at random.
+// At the next window, inside a queued window, inside the final hold, and at random.
 std::vector<std::size_t> Joins() {
   std::vector<std::size_t> joins{50, 127, 350};
   std::mt19937 random(7);
-  for (int i = 0; i < 4; ++i)
-    joins.push_back(std::uniform_int_distribution<std::size_t>(50, 400)(random));
+  std::uniform_int_distribution<std::size_t> any(50, 400);
+  for (int i = 0; i < 4; ++i) joins.push_back(any(random));
   return joins;
 }
 
 TEST(ReplacementJoinTest, TheCommandStepsAtTheJoinNoMoreThanAnywhereElse) {
   for (const std::size_t join : Joins()) {
-    SCOPED_TRACE(join);
-    const Command all = Stream(std::make_unique<LiftedMpcSolver>(kSampleTimeS, 40), join);
-    ASSERT_EQ(all.positions.rows(), Eigen::Index(join + 350));
-    for (const cw::SampleMatrix* rows : {&all.positions, &all.velocities, &all.accelerations}) {
+    for (const auto field : {decltype(&cw::WindowPayload::velocities)(nullptr),
+                             &cw::WindowPayload::velocities, &cw::WindowPayload::accelerations}) {
+      SCOPED_TRACE(join);
+      const cw::SampleMatrix rows =
+          Stream(std::make_unique<LiftedMpcSolver>(kSampleTimeS, 40), join, field);
+      ASSERT_EQ(rows.rows(), Eigen::Index(join + 350));
       Eigen::VectorXd steps =
-          (rows->bottomRows(rows->rows() - 1) - rows->topRows(rows->rows() - 1)).cwiseAbs();
-      const double at_join = steps(Eigen::Index(join - 1));
-      steps(Eigen::Index(join - 1)) = 0.0;
+          (rows.bottomRows(rows.rows() - 1) - rows.topRows(rows.rows() - 1)).cwiseAbs();
+      const double at_join = std::exchange(steps(Eigen::Index(join - 1)), 0.0);
       EXPECT_LE(at_join, steps.maxCoeff());
     }
   }
@@ -102,15 +83,15 @@ TEST(ReplacementJoinTest, ShapingAcrossAJoinEqualsOfflineShapingOfTheSplicedRefe
   const ImpulseSequence shaper = ZvdShaper({12.0, 0.05});
   for (const std::size_t join : Joins()) {
     SCOPED_TRACE(join);
-    auto resumes = std::make_shared<std::vector<cw::SolveResumePoint>>();
-    const Command all = Stream(
-        std::make_unique<ShapingSolveSession>(
-            std::make_unique<cw::testing::ResumableFollowSolver>(resumes), shaper, kSampleTimeS),
-        join);
-    cw::SampleMatrix spliced(Eigen::Index(join + 350), 1);
-    spliced << Move(0.0, 1.0, 300, 100).topRows(Eigen::Index(join)), Retarget(join);
-    EXPECT_LE((all.positions - ShapeSamples(spliced, kSampleTimeS, shaper)).cwiseAbs().maxCoeff(),
-              1e-12);
+    const cw::SampleMatrix shaped =
+        Stream(std::make_unique<ShapingSolveSession>(
+                   std::make_unique<cw::testing::ResumableFollowSolver>(
+                       std::make_shared<std::vector<cw::SolveResumePoint>>()),
+                   shaper, kSampleTimeS),
+               join, nullptr);
+    const cw::SampleMatrix offline =
+        ShapeSamples(Reference(join + 350, join), kSampleTimeS, shaper);
+    EXPECT_LE((shaped - offline).cwiseAbs().maxCoeff(), 1e-12);
   }
 }
 

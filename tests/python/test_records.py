@@ -78,7 +78,8 @@ def stubbed(path):
     return names
 
 
-@pytest.mark.parametrize("module, stub", [(cw, "__init__.pyi"), (cw.engines, "engines.pyi")])
+@pytest.mark.parametrize("module, stub", [(cw, "__init__.pyi"), (cw.engines, "engines.pyi"),
+                                          (cw.io, "io.pyi")])
 def test_version_and_stubs_beside_the_module(module, stub):
     assert cw.__version__.count(".") == 2
     stubs = pathlib.Path(cw.__file__).parent / "corvane_window" / stub

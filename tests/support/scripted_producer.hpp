@@ -131,6 +131,55 @@ class ScriptedProducer : public WindowProducerSession {
   Script script_;
 };
 
+// A ScriptedProducer that also writes into recycled storage, counting the calls that were handed
+// a window with storage in it, and offers a ready signal, which the test raises with Raise().
+class RecyclingScriptedProducer final : public ScriptedProducer,
+                                        public RecyclingWindowProducer,
+                                        public ReadySignallingProducer {
+ public:
+  using ScriptedProducer::ScriptedProducer;
+  bool ProduceNextInto(WindowPayload& window) override {
+    if (window.positions.size() > 0) ++handed_storage_;
+    std::optional<WindowPayload> produced = ProduceNext();
+    if (!produced) return false;
+    window.positions = produced->positions;  // into the storage held, which has that shape
+    window.start_index = produced->start_index;
+    window.stop_index = produced->stop_index;
+    window.metadata.clear();
+    return true;
+  }
+  void SetReadySignal(std::function<void()> signal) override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      signal_ = std::move(signal);
+      ++signal_changes_;
+    }
+    cv_.notify_all();
+  }
+  // Waits, up to kHangLimit, until the signal has been set or removed `changes` times in all.
+  bool WaitForSignalChanges(std::size_t changes) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, testing_support::kHangLimit,
+                        [&] { return signal_changes_ >= changes; });
+  }
+  bool HasSignal() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<bool>(signal_);
+  }
+  void Raise() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (signal_) signal_();
+  }
+  std::size_t handed_storage() const { return handed_storage_; }  // worker's count; after Join
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::function<void()> signal_;
+  std::size_t signal_changes_ = 0;
+  std::size_t handed_storage_ = 0;
+};
+
 // A scripted producer with its call log, ready to hand to a buffer.
 struct Recorded {
   std::shared_ptr<CallLog> log = std::make_shared<CallLog>();

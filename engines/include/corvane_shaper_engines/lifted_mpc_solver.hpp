@@ -35,10 +35,13 @@ struct LiftedMpcWeights {
 
 // A lifted-MPC solve session for independent double-integrator joints: each request's positions
 // are tracked by a quadratic cost on tracking error, acceleration and its change, whose gains are
-// cached per horizon. It resumes from the command of any sample: its state is the position,
-// velocity and acceleration of the last applied row.
-class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSolveSession,
-                                             public control::window::ResumableSolveSession {
+// cached per horizon. Through SolveInto it reuses the storage of an earlier answer and its own
+// working matrices, so that a steady stream of requests of one shape allocates nothing. It
+// resumes from the command of any sample: its state is the position, velocity and acceleration
+// of the last applied row.
+class CORVANE_EXPORT LiftedMpcSolver final
+    : public control::window::RecyclingLiftedMpcSolveSession,
+      public control::window::ResumableSolveSession {
  public:
   // sample_time_s: [s] the period of the request rows, finite and positive.
   // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
@@ -56,6 +59,10 @@ class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSo
   // over the range [0, apply_samples). Throws std::invalid_argument when "apply_samples" is
   // missing, not a count from 1 to the request's rows, or the joint count changes.
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
+  // Solve(request), written into `window`: positions, velocities, accelerations, times, range and
+  // compute time; its metadata is left as it is. Throws as Solve does.
+  void SolveInto(const control::window::WindowSlice& request,
+                 control::window::WindowPayload& window) override;
   // Ends the session and forgets the carried state.
   void Finalize() override;
 
@@ -86,14 +93,17 @@ class CORVANE_EXPORT LiftedMpcSolver final : public control::window::LiftedMpcSo
 
   const HorizonGains& GainsFor(Eigen::Index horizon);
   HorizonGains ComputeGains(Eigen::Index horizon) const;
-  // Applies the accelerations row by row, with the exact discretisation of the double integrator.
-  control::window::WindowPayload Apply(const Eigen::MatrixXd& accelerations);
+  // Applies accelerations_ row by row into `window`, with the exact discretisation of the double
+  // integrator.
+  void Apply(control::window::WindowPayload& window);
 
   double sample_time_s_;
   Eigen::Index horizon_samples_;
   LiftedMpcWeights weights_;
   std::map<Eigen::Index, HorizonGains> gains_;
   std::optional<JointState> state_;
+  Eigen::MatrixXd error_;  // [N, joints] working matrix: tracking error of the free response
+  Eigen::MatrixXd accelerations_;  // [apply, joints] working matrix: the accelerations to apply
 };
 
 }  // namespace corvane::control::engines

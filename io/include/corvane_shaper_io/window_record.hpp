@@ -50,7 +50,9 @@ class CORVANE_EXPORT RecordWriter {
   // Creates the file at path (replacing one that exists) and writes the header. Throws
   // std::system_error naming the file when it cannot be created or written.
   explicit RecordWriter(const std::string& path);
+  // Takes over the other writer's file; the other may only be destroyed or assigned to.
   RecordWriter(RecordWriter&& other) noexcept;
+  // Closes this writer's file as the destructor does, then takes over the other's.
   RecordWriter& operator=(RecordWriter&& other) noexcept;
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
@@ -66,6 +68,8 @@ class CORVANE_EXPORT RecordWriter {
   void Close();
   // Windows appended so far.
   std::size_t windows() const;
+  // The file written.
+  const std::string& path() const;
 
  private:
   struct CORVANE_HIDDEN Impl;

@@ -38,8 +38,28 @@ void BindLiftedMpc(py::module_& engines) {
            "Solves one request and applies its first \"apply_samples\" rows, which it returns "
            "with positions, velocities, accelerations and times. Raises ValueError when "
            "\"apply_samples\" is missing or out of range, or the joint count changes.")
+      .def(
+          "SolveInto",
+          [](py::handle self, const cw::WindowSlice& request, cw::WindowPayload& window) {
+            CheckNotTaken(self);
+            Solver& solver = self.cast<Solver&>();
+            WithLentWindow(window, [&](cw::WindowPayload& lent) {
+              WithoutGil([&] { solver.SolveInto(request, lent); });
+              return true;
+            });
+          },
+          py::arg("request"), py::arg("window"),
+          "Solve(request) written into `window` (a WindowPayload), reusing its storage: "
+          "positions, velocities, accelerations, times, range and compute time; its metadata is "
+          "left as it is. Raises as Solve does.")
       .def("Finalize", OwnedMethod(&Solver::Finalize),
-           "Ends the session and forgets the carried state.");
+           "Ends the session and forgets the carried state.")
+      .def("ResumeHistorySamples", OwnedMethod(&Solver::ResumeHistorySamples),
+           "0: the solver needs no reference before a join.")
+      .def("ResumeFrom", OwnedMethod(&Solver::ResumeFrom), py::arg("point"),
+           "Carries on from the SolveResumePoint's previous command (position, velocity and "
+           "acceleration; those it lacks read as 0), or starts afresh without one. Raises "
+           "ValueError when the command's rows do not hold one finite value per joint.");
 }
 
 }  // namespace corvane::python

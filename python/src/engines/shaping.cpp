@@ -18,7 +18,7 @@ namespace {
 
 // The shaping stage as Python builds it: it also notes the solver object it wraps, so that the
 // garbage collector sees that hold.
-class ShapingSession final : public cw::LiftedMpcSolveSession {
+class ShapingSession final : public cw::LiftedMpcSolveSession, public cw::ResumableSolveSession {
  public:
   ShapingSession(const py::object& solver, ce::ImpulseSequence shaper, double sample_time_s)
       : session_(AdoptSolveSession(solver, "solver"), std::move(shaper), sample_time_s),
@@ -29,6 +29,9 @@ class ShapingSession final : public cw::LiftedMpcSolveSession {
     return session_.Solve(request);
   }
   void Finalize() override { session_.Finalize(); }
+  bool CanResume() const override { return session_.CanResume(); }
+  std::size_t ResumeHistorySamples() const override { return session_.ResumeHistorySamples(); }
+  void ResumeFrom(const cw::SolveResumePoint& point) override { session_.ResumeFrom(point); }
 
   static py::handle Held(const ShapingSession& session) { return session.solver_; }
 
@@ -109,7 +112,13 @@ void BindShapingSession(py::module_& engines) {
            "solver, whose answer comes back unchanged, and whose exceptions pass through. Raises "
            "ValueError when \"apply_samples\" is out of range, the request does not continue "
            "the history or the joint count changes.")
-      .def("Finalize", OwnedMethod(&ShapingSession::Finalize), "Finalizes the wrapped solver.");
+      .def("Finalize", OwnedMethod(&ShapingSession::Finalize), "Finalizes the wrapped solver.")
+      .def("ResumeHistorySamples", OwnedMethod(&ShapingSession::ResumeHistorySamples),
+           "The reference rows before a join that resuming needs: the shaper's history and the "
+           "wrapped solver's.")
+      .def("ResumeFrom", OwnedMethod(&ShapingSession::ResumeFrom), py::arg("point"),
+           "Takes the SolveResumePoint's reference rows as the shaper's history and resumes the "
+           "wrapped solver. Raises RuntimeError when the wrapped solver cannot resume.");
 }
 
 }  // namespace
