@@ -39,11 +39,11 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   bool session_prepared = false;  // only Prefill (before Start) and the worker use it: no lock
   bool stop_requested = false;
   bool producer_finished = false;
-  std::exception_ptr failure;             // what ended the worker, rethrown by Pop
-  std::optional<std::string> last_error;  // its text
-  WindowStatistics statistics;            // compute time and duration per produced window
-  bool worker_waits_for_room = false;     // the worker sleeps in its wait for room
-  bool ready_raised = false;              // the producer signalled a window may be ready
+  std::exception_ptr failure;                     // what ended the worker, rethrown by Pop
+  std::optional<std::string> last_error;          // its text
+  WindowStatistics statistics;                    // compute time and duration per produced window
+  bool worker_waits_for_room = false;             // the worker sleeps in its wait for room
+  bool ready_raised = false;                      // the producer signalled a window may be ready
   std::unique_ptr<ReplacementState> replacement;  // null unless the producer can resume
 
   // The worker's own; set before it starts, or by it alone.

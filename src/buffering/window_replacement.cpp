@@ -5,6 +5,8 @@
 // No producer call and no reference call happens under the buffer's lock, and the buffer's lock
 // and the reference's lock are never held together. Only the serial lock of the replacements is
 // held across the steps.
+#include <deque>
+#include <list>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -149,6 +151,7 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
   {
     auto lock = Lock();
     result = CommitTail(state, held, range.stop_index);
+    ready_raised = true;  // a worker asleep for want of a window has one to make now
   }
   cv.notify_all();
   return result;  // the discarded windows are freed here, without the lock
@@ -192,8 +195,8 @@ void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload& window) {
     window.metadata[kReplacementsMetadataKey] = std::to_string(state.adopted_plan);
   }
   std::list<JoinPoint> join;
-  join.push_back(JoinPoint{window.stop_index, LastRow(window), state.last_charged_s,
-                           state.last_duration_s});
+  join.push_back(
+      JoinPoint{window.stop_index, LastRow(window), state.last_charged_s, state.last_duration_s});
   std::list<JoinPoint> dropped;
   {
     auto lock = Lock();

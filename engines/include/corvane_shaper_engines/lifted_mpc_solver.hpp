@@ -39,9 +39,8 @@ struct LiftedMpcWeights {
 // working matrices, so that a steady stream of requests of one shape allocates nothing. It
 // resumes from the command of any sample: its state is the position, velocity and acceleration
 // of the last applied row.
-class CORVANE_EXPORT LiftedMpcSolver final
-    : public control::window::RecyclingLiftedMpcSolveSession,
-      public control::window::ResumableSolveSession {
+class CORVANE_EXPORT LiftedMpcSolver final : public control::window::RecyclingLiftedMpcSolveSession,
+                                             public control::window::ResumableSolveSession {
  public:
   // sample_time_s: [s] the period of the request rows, finite and positive.
   // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
