@@ -79,7 +79,7 @@ int main() {
         const cw::SampleMatrix old = reference->WindowWithTerminalPadding(k, k + 1000).positions;
         return buffer.ReplaceReference(k, Blend({old.data(), old.data() + old.size()}, -0.5, 1200));
       }));
-    } else if (joins.size() == 1 && position.size() >= 1100) {  // a stop request
+    } else if (joins.size() == 1 && position.size() >= 800) {  // a stop request
       joins.push_back(FromEarliest([&] { return buffer.StopSmoothly(800); }));
     }
   }

@@ -2,9 +2,8 @@
 // yields nothing, yields an invalid window, runs out, returns tail windows, or throws standard and
 // non-standard exceptions. Every wait is bounded, so a hang shows as a libFuzzer time-out. The
 // windows come out in production order, none lost and none twice, and a failure comes only after
-// every queued window. An input that destroys that buffer goes on with a stream whose reference is
-// appended to, replaced and stopped smoothly while the worker produces and windows are popped:
-// across every join the windows handed out follow one another, none lost and none twice.
+// every queued window. An input that destroys that buffer goes on with a stream that is replaced
+// and stopped smoothly as it runs: across every join, no window is lost or handed out twice.
 #include <atomic>
 #include <limits>
 #include <stdexcept>
@@ -26,12 +25,14 @@ using testing::CallLog;
 constexpr char kScriptedFailure[] = "scripted failure";
 
 // The producer's answers, decoded from the input. Its k-th valid window holds the value k, and
-// `produced` counts the valid windows it handed out.
+// `produced` counts the valid windows it handed out. An endless producer would fill an unbounded
+// queue (`limit` 0) as fast as it runs, and a run would have no bound: it gets a capacity.
 std::unique_ptr<WindowProducerSession> ScriptedProducer(
-    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced) {
+    FuzzInput& in, const std::shared_ptr<std::atomic<std::size_t>>& produced, std::size_t& limit) {
   auto log = std::make_shared<CallLog>();
   const bool prepare_fails = in.OneIn(4), finalize_fails = in.OneIn(4);
   const std::size_t calls = in.Below(48), tail = in.Below(4);  // from 40 calls on: never exhausted
+  if (calls >= 40 && limit == 0) limit = 4;
   std::vector<std::uint8_t> answers(1 + in.Below(8));
   for (std::uint8_t& answer : answers) answer = in.Byte();
 
@@ -164,9 +165,8 @@ struct Lifecycle {
 void RunReplacements(FuzzInput& in) {
   auto reference = std::make_shared<AppendableReferenceBuffer>(1);
   AppendableWindowBuffer buffer(std::make_unique<AppendableLiftedMpcWindowProducer>(
-                                    std::make_unique<testing::ResumableFollowSolver>(
-                                        std::make_shared<std::vector<SolveResumePoint>>()),
-                                    reference, 1 + in.Below(4), 4, 0.001, 0),
+                                    std::make_unique<testing::ResumableFollowSolver>(), reference,
+                                    1 + in.Below(4), 4, 0.001, 0),
                                 reference, 0, 1 + in.Below(4));
   buffer.Start();
   std::size_t next = 0;
@@ -184,8 +184,7 @@ void RunReplacements(FuzzInput& in) {
       if (call == 0) buffer.AppendReference(rows);
       if (call == 1) buffer.ReplaceReference(buffer.EarliestReplaceableIndex() + in.Below(8), rows);
       if (call == 2) buffer.StopSmoothly(in.Below(4));
-    } catch (const std::logic_error&) {    // a bad argument, or the earliest index moved on
-    } catch (const std::runtime_error&) {  // the stream has ended
+    } catch (const std::exception&) {  // a bad argument, a moved earliest index, an ended stream
     }
     if (call == 3) pop(in.ShortTimeout());
   }
@@ -197,13 +196,14 @@ void RunReplacements(FuzzInput& in) {
 
 }  // namespace
 
-// A buffer with the input's capacity, prefill count and producer, then the input's calls until
-// it runs out or destroys the buffer (the rest of the input then drives a stream with
-// replacements); a buffer left is closed and drained.
+// A buffer with the input's capacity, producer and prefill count, decoded in this order under
+// every compiler, then the input's calls until it runs out or destroys the buffer (the rest of
+// the input then drives a stream with replacements); a buffer left is closed and drained.
 void RunInput(FuzzInput& in) {
   Lifecycle run;
-  const std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
-  run.buffer.emplace(ScriptedProducer(in, run.produced), in.Below((limit ? limit : 4) + 1),
+  std::size_t limit = in.OneIn(3) ? 0 : 1 + in.Below(4);  // 0: unbounded
+  auto producer = ScriptedProducer(in, run.produced, limit);
+  run.buffer.emplace(std::move(producer), in.Below((limit ? limit : 4) + 1),
                      limit ? std::optional<std::size_t>(limit) : std::nullopt);
   while (!in.Empty()) {
     if (!run.Step(in)) return RunReplacements(in);

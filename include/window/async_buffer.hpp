@@ -45,8 +45,8 @@ struct ProductionTotals {
 
 // Runs one producer on a worker thread and hands its windows to consumers.
 // Every public operation may be called from any thread, except that Start, Join, Close, the
-// destructor and the move operations must not run concurrently on one buffer, and Prefill must
-// not run concurrently with Start.
+// destructor and the move operations must not run concurrently on one buffer. Prefill and Start
+// never drive the producer at once: each refuses while the other has begun.
 class CORVANE_EXPORT AsyncWindowBuffer {
  public:
   // prefill_windows: windows the worker queues back to back before its steady loop.
@@ -76,12 +76,12 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // Stops and joins the worker, then drops queued windows and the producer.
   virtual ~AsyncWindowBuffer();
 
-  // Starts the worker thread. Throws std::runtime_error when called a second time, and
-  // std::system_error when the thread cannot be created.
+  // Starts the worker thread. Throws std::runtime_error when called a second time or while
+  // Prefill runs, and std::system_error when the thread cannot be created.
   void Start();
   // Start() with the worker thread scheduled as `settings` asks; they are in force before the
   // worker first calls the producer. settings.idle decides what the worker does when its producer
-  // has nothing ready (see WorkerIdle). Throws std::runtime_error when called a second time, and
+  // has nothing ready (see WorkerIdle). Throws std::runtime_error as Start() does, and
   // std::system_error, naming the setting, when the system refuses one (no permission, a CPU the
   // worker may not use, a name over 15 characters) or the thread cannot be created. After a
   // refusal no worker runs and the buffer may be started again.
@@ -117,8 +117,9 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   std::optional<std::string> LastError() const;
   // Before Start(): produces up to max_windows windows on the calling thread and queues them,
   // ignoring the capacity. Returns how many were queued (fewer when the producer runs out or has
-  // nothing ready). Throws std::runtime_error after Start(); producer and validation errors pass
-  // through to the caller.
+  // nothing ready). Throws std::runtime_error after Start(), and while another Prefill call runs
+  // (one call at a time drives the producer); producer and validation errors pass through to the
+  // caller.
   std::size_t Prefill(std::size_t max_windows);
   // Judges the history of produced windows against compute_fraction_limit (compute seconds per
   // second of window duration). Throws std::invalid_argument unless the limit is finite and
@@ -174,6 +175,9 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   SampleMatrix ReferencePositions() const;
   // Number of stored reference samples, held samples included.
   std::size_t AvailableReferenceSamples() const;
+  // How many samples an append may add now without dropping one that the producer has yet to
+  // read (AppendableReferenceBuffer::appendable_samples); absent when nothing limits it.
+  std::optional<std::size_t> AppendableReferenceSamples() const;
 
   // Replaces every reference sample from global index start_index on with the rows of `samples`
   // (possibly none), and finishes the reference too when `finish` is true. Queued windows that

@@ -176,7 +176,10 @@ class CORVANE_EXPORT AppendableLiftedMpcWindowProducer : public WindowProducerSe
   // sample_time_s: [s] sample period, finite and positive.
   // global_start_index: global index of reference sample 0.
   // Throws std::invalid_argument for a null pointer, then a bad apply/lookahead pair, then a bad
-  // sample period.
+  // sample period, then a reference retention below apply_samples, which the hold fills.
+  // From construction on the producer marks the reference samples from its cursor on as not read
+  // yet (AppendableReferenceBuffer::KeepFrom): over a retention, an append that would drop one
+  // of them throws, and the stream goes on.
   AppendableLiftedMpcWindowProducer(std::unique_ptr<LiftedMpcSolveSession> solve_session,
                                     std::shared_ptr<AppendableReferenceBuffer> reference_buffer,
                                     std::size_t apply_samples, std::size_t lookahead_samples,

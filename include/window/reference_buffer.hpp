@@ -56,7 +56,8 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
 
   // Appends the rows of `command` and wakes waiters. An empty block changes nothing and returns
   // [n, n). Throws std::invalid_argument for a block without columns, with a non-finite value or
-  // with the wrong column count, and std::runtime_error after Finish().
+  // with the wrong column count, and std::runtime_error after Finish(), or when the retention
+  // would drop a sample that a reader has yet to read (see KeepFrom); nothing is stored then.
   AppendedRange AppendReference(const SampleMatrix& command);
   // Replaces every sample from start_index on with the rows of `samples` (possibly none, which
   // drops them), then finishes the stream when `finish` is true, and wakes waiters. Returns the
@@ -69,7 +70,8 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.
   void Finish();
   // Repeats the last sample until target_samples are stored; returns how many were added.
-  // Allowed after Finish(). Throws std::invalid_argument before the first sample.
+  // Allowed after Finish(). Throws std::invalid_argument before the first sample, and
+  // std::runtime_error when the retention would drop a sample that a reader has yet to read.
   std::size_t ExtendHoldTo(std::size_t target_samples);
   // A copy of samples [start, stop); rows past the stored samples repeat the last one.
   // Throws std::invalid_argument when start >= stop, when start is not a stored sample yet, or
@@ -85,6 +87,17 @@ class CORVANE_EXPORT AppendableReferenceBuffer {
   // `count` samples are stored.
   bool WaitUntilSamples(std::size_t count,
                         std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
+  // Marks the samples from first_unread on as not read yet: with a retention, an append or a hold
+  // that would drop one of them throws std::runtime_error naming it and stores nothing, so the
+  // caller may append again once the reader has moved the mark on. The lifted-MPC producer keeps
+  // the mark at its cursor from its construction on. Without a retention nothing is dropped and
+  // the mark changes nothing.
+  void KeepFrom(std::size_t first_unread);
+  // How many samples an append or a hold may add now without dropping one that has not been read
+  // yet; absent when nothing limits it (no retention, or no mark).
+  std::optional<std::size_t> appendable_samples() const;
+  // The retention given at construction; absent when every sample is kept.
+  std::optional<std::size_t> retention_samples() const;
   // Number of samples stored, held samples included.
   std::size_t available_samples() const;
   // Whether Finish() has been called.

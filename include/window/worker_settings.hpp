@@ -12,6 +12,7 @@ enum class WorkerPolicy {
   kNormal,      // the system's time-sharing policy (SCHED_OTHER)
   kFifo,        // real-time, runs until it blocks or yields (SCHED_FIFO)
   kRoundRobin,  // real-time, time-sliced among threads of equal priority (SCHED_RR)
+  kInherit,     // no policy asked for: the starting thread's policy and priority, unchanged
 };
 
 // What the worker does when its producer, not exhausted, has no window ready.
@@ -23,10 +24,11 @@ enum class WorkerIdle {
 };
 
 // Scheduling of the worker thread. The defaults change nothing: the worker then runs as the
-// thread that starts it would create it.
+// thread that starts it would create it. Each setting left at its default keeps what the starting
+// thread has, so asking for a name or CPUs alone leaves the policy and priority as they are.
 struct WorkerSettings {
-  WorkerPolicy policy = WorkerPolicy::kNormal;  // scheduling policy
-  int priority = 0;       // 1 (lowest) to 99 on Linux for kFifo and kRoundRobin; 0 for kNormal
+  WorkerPolicy policy = WorkerPolicy::kInherit;  // scheduling policy
+  int priority = 0;       // 1 (lowest) to 99 on Linux for kFifo and kRoundRobin; 0 for the others
   std::vector<int> cpus;  // CPU numbers the worker may run on; empty: those of the starting thread
   std::string name;       // thread name, at most 15 characters; empty: the starting thread's name
   WorkerIdle idle = WorkerIdle::kAutomatic;  // what the worker does when nothing is ready

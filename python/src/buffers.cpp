@@ -339,7 +339,10 @@ void BindAppendableWindowBuffer(py::module_& module) {
            "A copy of every stored reference sample; over a reference buffer with a "
            "retention, of the retained ones, oldest first.")
       .def("AvailableReferenceSamples", &Buffer::AvailableReferenceSamples,
-           "Number of stored reference samples, held samples included.");
+           "Number of stored reference samples, held samples included.")
+      .def("AppendableReferenceSamples", &Buffer::AppendableReferenceSamples,
+           "How many samples an append may add now without dropping one that the producer has "
+           "yet to read; None when nothing limits it.");
 }
 
 }  // namespace

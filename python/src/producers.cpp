@@ -402,7 +402,9 @@ void BindLiftedMpcProducer(py::module_& module) {
            "rows of reference handed to the solver per request. sample_time_s: [s] sample "
            "period, finite and positive. global_start_index: global index of reference sample 0. "
            "Takes the solver, which nobody else may use from then on. Raises ValueError for "
-           "None, then a bad apply/lookahead pair, then a bad sample period.")
+           "None, then a bad apply/lookahead pair, then a bad sample period, then a reference "
+           "retention below apply_samples. Marks the reference samples from its cursor on as not "
+           "read yet (AppendableReferenceBuffer.KeepFrom).")
       .def(
           "ProduceNextInto",
           [](py::handle self, cw::WindowPayload& window) {

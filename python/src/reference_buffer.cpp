@@ -74,12 +74,14 @@ void BindReferenceBuffer(py::module_& module) {
            "Appends the rows of `command` (rows, joints), or one sample given as a 1-D array, and "
            "wakes waiters; returns the AppendedRange. An empty block changes nothing. Raises "
            "ValueError for a block without columns, with a non-finite value or with the wrong "
-           "column count, and RuntimeError after Finish().")
+           "column count, and RuntimeError after Finish(), or when the retention would drop a "
+           "sample not read yet (see KeepFrom), storing nothing.")
       .def("Finish", &Buffer::Finish,
            "Ends the stream: later non-empty appends fail and waits no longer block. Repeatable.")
       .def("ExtendHoldTo", &Buffer::ExtendHoldTo, py::arg("target_samples"),
            "Repeats the last sample until target_samples are stored; returns how many were "
-           "added. Allowed after Finish(). Raises ValueError before the first sample.")
+           "added. Allowed after Finish(). Raises ValueError before the first sample, and "
+           "RuntimeError when the retention would drop a sample not read yet.")
       .def("WindowWithTerminalPadding", &Buffer::WindowWithTerminalPadding, py::arg("start"),
            py::arg("stop"),
            "A ReferenceWindow copying samples [start, stop); rows past the stored samples repeat "
@@ -101,6 +103,16 @@ void BindReferenceBuffer(py::module_& module) {
            "Waits, with the GIL released, until at least `count` samples are stored, the stream "
            "is finished, or the time-out (seconds or timedelta; None: no limit) passes; returns "
            "whether `count` samples are stored. Ctrl-C raises KeyboardInterrupt.")
+      .def("KeepFrom", &Buffer::KeepFrom, py::arg("first_unread"),
+           "Marks the samples from first_unread on as not read yet: with a retention, an append "
+           "or a hold that would drop one of them raises RuntimeError naming it and stores "
+           "nothing. The lifted-MPC producer keeps the mark at its cursor. Without a retention "
+           "the mark changes nothing.")
+      .def("appendable_samples", &Buffer::appendable_samples,
+           "How many samples an append or a hold may add now without dropping one that has not "
+           "been read yet; None when nothing limits it (no retention, or no mark).")
+      .def("retention_samples", &Buffer::retention_samples,
+           "The retention given at construction; None when every sample is kept.")
       .def("available_samples", &Buffer::available_samples,
            "Number of samples stored, held samples included.")
       .def("is_finished", &Buffer::is_finished, "Whether Finish() has been called.")

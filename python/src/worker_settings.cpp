@@ -14,7 +14,8 @@ void BindWorkerSettings(py::module_& module) {
   py::enum_<cw::WorkerPolicy>(module, "WorkerPolicy", "The scheduling policy of a worker thread.")
       .value("kNormal", cw::WorkerPolicy::kNormal)
       .value("kFifo", cw::WorkerPolicy::kFifo)
-      .value("kRoundRobin", cw::WorkerPolicy::kRoundRobin);
+      .value("kRoundRobin", cw::WorkerPolicy::kRoundRobin)
+      .value("kInherit", cw::WorkerPolicy::kInherit);
 
   py::enum_<cw::WorkerIdle>(module, "WorkerIdle",
                             "What a worker does when its producer has no window ready: kAutomatic "
@@ -28,15 +29,16 @@ void BindWorkerSettings(py::module_& module) {
 
   using Settings = cw::WorkerSettings;
   py::class_<Settings>(module, "WorkerSettings",
-                       "Scheduling of a buffer's worker thread: policy, priority (1 to 99 for the "
-                       "real-time policies, else 0), the CPUs it may run on (empty: any) and its "
-                       "name (at most 15 characters; empty: inherited), and what it does when its "
-                       "producer has nothing ready (idle, a WorkerIdle).")
+                       "Scheduling of a buffer's worker thread: policy (kInherit: the starting "
+                       "thread's), priority (1 to 99 for the real-time policies, else 0), the CPUs "
+                       "it may run on (empty: any) and its name (at most 15 characters; empty: "
+                       "inherited), and what it does when its producer has nothing ready (idle, a "
+                       "WorkerIdle). Each setting left at its default keeps the starting thread's.")
       .def(py::init([](cw::WorkerPolicy policy, int priority, std::vector<int> cpus,
                        std::string name, cw::WorkerIdle idle) {
              return Settings{policy, priority, std::move(cpus), std::move(name), idle};
            }),
-           py::arg("policy") = cw::WorkerPolicy::kNormal, py::arg("priority") = 0,
+           py::arg("policy") = cw::WorkerPolicy::kInherit, py::arg("priority") = 0,
            py::arg("cpus") = std::vector<int>(), py::arg("name") = std::string(),
            py::arg("idle") = cw::WorkerIdle::kAutomatic)
       .def_readwrite("policy", &Settings::policy)

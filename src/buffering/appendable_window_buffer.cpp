@@ -65,4 +65,8 @@ std::size_t AppendableWindowBuffer::AvailableReferenceSamples() const {
   return reference_buffer_->available_samples();
 }
 
+std::optional<std::size_t> AppendableWindowBuffer::AppendableReferenceSamples() const {
+  return reference_buffer_->appendable_samples();
+}
+
 }  // namespace corvane::control::window

@@ -63,6 +63,9 @@ AsyncWindowBuffer::~AsyncWindowBuffer() {
 void AsyncWindowBuffer::Impl::MarkStarted() {
   auto lock = Lock();
   if (started) throw std::runtime_error("AsyncWindowBuffer::Start() can only be called once.");
+  if (prefilling) {
+    throw std::runtime_error("AsyncWindowBuffer::Start() must not be called while Prefill runs.");
+  }
   started = true;
 }
 

@@ -37,6 +37,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   std::thread worker;                      // touched only by Start/Join/Close/dtor/move
   bool started = false;
   bool session_prepared = false;  // only Prefill (before Start) and the worker use it: no lock
+  bool prefilling = false;        // a Prefill call is driving the producer
   bool stop_requested = false;
   bool producer_finished = false;
   std::exception_ptr failure;                     // what ended the worker, rethrown by Pop
@@ -66,8 +67,12 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
     return std::unique_lock<PriorityInheritingMutex>(mutex);
   }
 
-  // Sets `started`; throws std::runtime_error when it was set already.
+  // Sets `started`; throws std::runtime_error when it was set already or a Prefill call runs.
   void MarkStarted();
+  // Lets one Prefill call at a time drive the producer: sets `prefilling`, or throws
+  // std::runtime_error after Start() or while another Prefill call runs. Release clears it.
+  void ClaimPrefill();
+  void ReleasePrefill() noexcept;
 
   // The conditions that the consumer and the worker wait for; with the lock held.
   bool HasWindowOrEnd() const;

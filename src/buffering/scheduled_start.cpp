@@ -65,17 +65,25 @@ int SystemPolicy(WorkerPolicy policy) {
     case WorkerPolicy::kRoundRobin:
       return SCHED_RR;
     case WorkerPolicy::kNormal:
+    case WorkerPolicy::kInherit:
       break;
   }
   return SCHED_OTHER;
 }
 
+// Without a policy asked for, the thread keeps the one it was created with, and a priority has
+// nothing to apply to.
 void ApplyPolicy(WorkerPolicy policy, int priority) {
+  const std::string setting =
+      "WorkerSettings::policy and WorkerSettings::priority " + std::to_string(priority);
+  if (policy == WorkerPolicy::kInherit) {
+    if (priority != 0) ThrowRefused(EINVAL, setting);
+    return;
+  }
   sched_param parameters{};
   parameters.sched_priority = priority;
   if (const int error = pthread_setschedparam(pthread_self(), SystemPolicy(policy), &parameters)) {
-    ThrowRefused(error,
-                 "WorkerSettings::policy and WorkerSettings::priority " + std::to_string(priority));
+    ThrowRefused(error, setting);
   }
 }
 

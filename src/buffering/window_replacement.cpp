@@ -138,6 +138,7 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
                       held.start_index - first,
                       HeldCommand(reference, held.previous_command, hold_samples), true);
     range.stop_index += first;
+    reference.KeepFrom(held.resume_index - first);  // the worker reads again from there
   } catch (...) {
     {
       auto lock = Lock();

@@ -6,10 +6,11 @@
 
 namespace corvane::control::window {
 
-// Enough full chunks to hold the retained windows while the open chunk is still empty.
+// Enough full chunks to hold the retained windows while the open chunk is still empty. Rounded
+// up without adding first, so that a retention near the top of std::size_t keeps every chunk.
 std::size_t WindowStatistics::KeptChunks() const {
   if (!retained_windows_) return std::numeric_limits<std::size_t>::max();
-  return (*retained_windows_ + kChunkWindows - 1) / kChunkWindows;
+  return *retained_windows_ / kChunkWindows + (*retained_windows_ % kChunkWindows != 0 ? 1 : 0);
 }
 
 // When the open chunk is full, it is sealed into the next slot of the list. Chunks beyond the

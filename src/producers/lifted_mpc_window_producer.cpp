@@ -72,6 +72,18 @@ void CheckConstructorArguments(const LiftedMpcSolveSession* solve_session,
   }
 }
 
+// The hold stores up to apply_samples samples from the cursor on, and the retention must keep the
+// cursor's sample while it does. Lookahead rows past the stored samples are padding, never
+// stored, so the lookahead asks nothing of the retention.
+void CheckRetention(const AppendableReferenceBuffer& reference_buffer, std::size_t apply_samples) {
+  const std::optional<std::size_t> retention = reference_buffer.retention_samples();
+  if (retention && *retention < apply_samples) {
+    throw std::invalid_argument(
+        "reference_buffer retention_samples must be at least apply_samples (" +
+        std::to_string(apply_samples) + "), not " + std::to_string(*retention) + ".");
+  }
+}
+
 // The number of stored reference samples once the apply window ending at `apply_stop` is
 // covered. An open reference that is too short is extended by holding its last sample instead
 // of waiting for the caller; a finished one is left as it is, so its last window comes out short.
@@ -173,6 +185,8 @@ AppendableLiftedMpcWindowProducer::AppendableLiftedMpcWindowProducer(
     std::size_t lookahead_samples, double sample_time_s, std::size_t global_start_index) {
   CheckConstructorArguments(solve_session.get(), reference_buffer.get(), apply_samples,
                             lookahead_samples, sample_time_s);
+  CheckRetention(*reference_buffer, apply_samples);
+  reference_buffer->KeepFrom(0);  // the cursor: no sample has been read yet
   impl_ = std::make_unique<Impl>(Impl{std::move(solve_session), std::move(reference_buffer),
                                       apply_samples, lookahead_samples, sample_time_s,
                                       std::to_string(sample_time_s), global_start_index});
@@ -223,8 +237,9 @@ bool AppendableLiftedMpcWindowProducer::ProduceNextInto(WindowPayload& window) {
   }
   impl_->SolveWindowAtCursor(*apply_count, window);
   // Only a window that made it this far moves the cursor; after any failure the next call asks
-  // for the same window again.
+  // for the same window again. The samples before the cursor have been read for good.
   impl_->cursor += *apply_count;
+  impl_->reference_buffer->KeepFrom(impl_->cursor);
   return true;
 }
 
@@ -261,6 +276,7 @@ void AppendableLiftedMpcWindowProducer::Resume(
   const std::size_t start = start_index - impl_->global_start_index;
   impl_->resumable->ResumeFrom(impl_->ResumePointAt(start, previous_command));
   impl_->cursor = start;
+  impl_->reference_buffer->KeepFrom(start);
 }
 
 }  // namespace corvane::control::window

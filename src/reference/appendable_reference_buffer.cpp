@@ -30,13 +30,19 @@ struct CORVANE_HIDDEN AppendableReferenceBuffer::Impl {
   bool finished = false;   // set by Finish(), never cleared
   std::optional<std::size_t> retention_samples;  // absent: every sample is kept
   std::size_t sample_count = 0;                  // samples stored so far, dropped ones included
-  std::size_t lost_before =
-      0;  // samples before it were dropped by a retention before a replacement
+  std::size_t lost_before = 0;  // samples before it were dropped before a replacement shortened it
+  std::optional<std::size_t> keep_from;  // first sample a reader has yet to read; absent: none
 
   // The helpers below expect the caller to hold `mutex`.
   std::size_t SampleCount() const { return sample_count; }
   // Index of the oldest sample still stored.
   std::size_t FirstRetained() const;
+  // The most samples that can be stored without dropping one that a reader has yet to read;
+  // absent when nothing limits it.
+  std::optional<std::size_t> UnreadLimit() const;
+  // Throws std::runtime_error, naming `argument`, when storing samples up to `samples` would drop
+  // one that a reader has yet to read.
+  void CheckKeepsUnread(std::size_t samples, const char* argument) const;
   // Makes room for samples up to `samples`, keeping every stored sample in its row.
   void ReserveFor(std::size_t samples);
   // Writes the rows of `rows` as the samples from `first` on, wrapping around the ring.
@@ -87,6 +93,25 @@ void GrowStoreTo(SampleMatrix& store, std::size_t samples) {
 std::size_t AppendableReferenceBuffer::Impl::FirstRetained() const {
   if (!retention_samples || sample_count <= *retention_samples) return lost_before;
   return std::max(lost_before, sample_count - *retention_samples);
+}
+
+// The retention keeps the samples from count - retention on, so the mark's sample stays while the
+// count is at most mark + retention (saturated at the top of std::size_t).
+std::optional<std::size_t> AppendableReferenceBuffer::Impl::UnreadLimit() const {
+  if (!retention_samples || !keep_from) return std::nullopt;
+  return *keep_from +
+         std::min(*retention_samples, std::numeric_limits<std::size_t>::max() - *keep_from);
+}
+
+// The first sample that would go unread is the reader's mark, or the oldest stored one when the
+// mark lies before it.
+void AppendableReferenceBuffer::Impl::CheckKeepsUnread(std::size_t samples,
+                                                       const char* argument) const {
+  const std::optional<std::size_t> limit = UnreadLimit();
+  if (!limit || samples <= *limit) return;
+  throw std::runtime_error(std::string(argument) + " would drop reference sample " +
+                           std::to_string(std::max(*keep_from, FirstRetained())) +
+                           ", which has not been read yet.");
 }
 
 // Without a retention the store grows to exactly the new size. With one it doubles until it holds
@@ -154,6 +179,7 @@ AppendedRange AppendableReferenceBuffer::Impl::StoreBlock(const SampleMatrix& co
     throw std::invalid_argument("command joint count does not match the appendable buffer.");
   }
   const std::size_t new_count = count + static_cast<std::size_t>(command.rows());
+  CheckKeepsUnread(new_count, "command");
   ReserveFor(new_count);
   WriteRows(command, count);
   sample_count = new_count;
@@ -168,6 +194,7 @@ std::size_t AppendableReferenceBuffer::Impl::HoldLastSampleTo(std::size_t target
   if (count >= target_samples) {
     return 0;
   }
+  CheckKeepsUnread(target_samples, "target_samples");
   // The store may move as it grows, and the ring may overwrite it, so the held sample is copied
   // out first.
   SampleMatrix last_sample(1, positions.cols());
@@ -197,6 +224,7 @@ AppendedRange AppendableReferenceBuffer::Impl::ReplaceFrom(std::size_t start,
   if (samples.rows() > 0 && joint_count && samples.cols() != ToIndex(*joint_count)) {
     throw std::invalid_argument("command joint count does not match the appendable buffer.");
   }
+  CheckKeepsUnread(start + static_cast<std::size_t>(samples.rows()), "samples");
   lost_before = FirstRetained();
   if (!retention_samples) GrowStoreTo(positions, start);
   sample_count = start;
@@ -320,6 +348,23 @@ bool AppendableReferenceBuffer::WaitUntilSamples(std::size_t count,
   WaitWithTimeout(impl_->cv, lock, timeout, done);
   // Reached, even when the stream is also finished; not reached when it ended or timed out.
   return impl_->SampleCount() >= count;
+}
+
+void AppendableReferenceBuffer::KeepFrom(std::size_t first_unread) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->keep_from = first_unread;
+}
+
+std::optional<std::size_t> AppendableReferenceBuffer::appendable_samples() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  const std::optional<std::size_t> limit = impl_->UnreadLimit();
+  if (!limit) return std::nullopt;
+  return *limit > impl_->sample_count ? *limit - impl_->sample_count : 0;
+}
+
+std::optional<std::size_t> AppendableReferenceBuffer::retention_samples() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->retention_samples;
 }
 
 std::size_t AppendableReferenceBuffer::available_samples() const {

@@ -17,14 +17,16 @@ using testing::MessageOf;
 using testing::Recorded;
 using testing_support::Guarded;
 
-// A buffer whose lifted-MPC producer follows a reference of two joints.
+// A buffer over a reference of two joints whose producer, as the lifted-MPC producer does, waits
+// for the first reference sample; `recorded` counts its calls.
 struct Stream {
   std::shared_ptr<AppendableReferenceBuffer> reference =
       std::make_shared<AppendableReferenceBuffer>(2);
-  AppendableWindowBuffer buffer{
-      std::make_unique<AppendableLiftedMpcWindowProducer>(
-          std::make_unique<testing::FollowReferenceSolver>(), reference, 4, 10, 0.001, 0),
-      reference};
+  Recorded recorded{testing::Altered(testing::Script(), [reference = reference](auto, auto) {
+    reference->WaitUntilSamples(1);
+    return std::optional<WindowPayload>();
+  })};
+  AppendableWindowBuffer buffer{std::move(recorded.producer), reference};
 };
 
 SampleMatrix Block(Eigen::Index rows, double first_value) {
@@ -64,17 +66,19 @@ TEST(AppendableWindowBufferTest, ForwardsToTheSharedReference) {
 }
 
 // A producer blocked on its first reference sample is released by the stop of Close() and by
-// the destructor.
+// the destructor, each called once the producer has begun to wait.
 TEST(AppendableWindowBufferTest, CloseAndDestructionReturnWhileTheProducerWaitsForSamples) {
   {
     Stream stream;
     stream.buffer.Start();
+    ASSERT_TRUE(stream.recorded.log->WaitFor(testing::CallLog::kProduce, 1));
     Guarded([&] { stream.buffer.Close(); }, "Close");
     EXPECT_FALSE(stream.buffer.PopNowait().has_value());
     EXPECT_TRUE(stream.buffer.IsComplete());
   }
   auto stream = std::make_unique<Stream>();
   stream->buffer.Start();
+  ASSERT_TRUE(stream->recorded.log->WaitFor(testing::CallLog::kProduce, 1));
   Guarded([&] { stream.reset(); }, "destruction");
 }
 

@@ -156,7 +156,8 @@ TEST(AsyncWindowBufferTest, MovesKeepTheWorkerAndAssignmentStopsTheOldOne) {
   EXPECT_EQ(new_recorded.log->Count(CallLog::kDestroy), 1u);
 }
 
-// The calling thread's policy, priority, CPUs and name, as the system reports them.
+// The calling thread's policy, priority, CPUs and name, as the system reports them. SCHED_BATCH,
+// which any thread may take, is the policy the test starts workers with: it reads as kInherit.
 WorkerSettings ScheduleOfThisThread() {
   int policy = 0;
   sched_param parameters{};
@@ -168,6 +169,7 @@ WorkerSettings ScheduleOfThisThread() {
   WorkerSettings schedule{WorkerPolicy::kNormal, parameters.sched_priority, {}, name};
   if (policy == SCHED_FIFO) schedule.policy = WorkerPolicy::kFifo;
   if (policy == SCHED_RR) schedule.policy = WorkerPolicy::kRoundRobin;
+  if (policy == SCHED_BATCH) schedule.policy = WorkerPolicy::kInherit;
   for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
     if (CPU_ISSET(static_cast<std::size_t>(cpu), &cpus)) schedule.cpus.push_back(cpu);
   }
@@ -175,11 +177,13 @@ WorkerSettings ScheduleOfThisThread() {
 }
 
 // Settings the system accepts reach the worker: its producer reads back the policy, priority,
-// CPUs and name it runs with. A refused setting throws, names the setting, leaves no worker, and
-// Start may be called again. Either way Start runs once: a second call throws and the first
-// worker keeps producing.
+// CPUs and name it runs with, and without a policy asked for, the starting thread's. A refused
+// setting throws, names the setting, leaves no worker, and Start may be called again. Either way
+// Start runs once: a second call throws and the first worker keeps producing.
 TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorkerOrLeavesTheBufferStartable) {
   const int cpu = ScheduleOfThisThread().cpus.back();
+  const sched_param normal{};
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &normal);
   const struct {
     WorkerSettings settings;
     const char* refused;  // the setting named, or nullptr when the worker runs with it
@@ -187,11 +191,13 @@ TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorkerOrLeavesTheBuffer
       {{WorkerPolicy::kNormal, 0, {cpu}, "corvane-normal"}, nullptr},
       {{WorkerPolicy::kFifo, 10, {cpu}, "corvane-fifo"}, nullptr},
       {{WorkerPolicy::kRoundRobin, 5, {cpu}, "corvane-rr"}, nullptr},
+      {{WorkerPolicy::kInherit, 0, {cpu}, "corvane-inherit"}, nullptr},
       {{WorkerPolicy::kNormal, 0, {}, "a-name-too-long!"}, "WorkerSettings::name"},
       {{WorkerPolicy::kNormal, 0, {cpu, CPU_SETSIZE - 1}, ""}, "WorkerSettings::cpus (CPU 1023)"},
       {{WorkerPolicy::kNormal, 0, {-1}, ""}, "WorkerSettings::cpus (CPU -1)"},
       {{WorkerPolicy::kNormal, 5, {}, ""}, "WorkerSettings::policy"},
       {{WorkerPolicy::kFifo, 1000, {}, ""}, "WorkerSettings::policy"},
+      {{WorkerPolicy::kInherit, 5, {}, ""}, "WorkerSettings::policy"},
   };
   std::string skipped;
   for (const auto& c : cases) {
@@ -225,6 +231,7 @@ TEST(AsyncWindowBufferTest, StartWithSettingsSchedulesTheWorkerOrLeavesTheBuffer
     };
     EXPECT_TRUE(c.refused || fields(*observed) == fields(c.settings)) << c.settings.name;
   }
+  pthread_setschedparam(pthread_self(), SCHED_OTHER, &normal);
   if (!skipped.empty()) GTEST_SKIP() << "this process may not use real-time policies:" << skipped;
 }
 

@@ -1,5 +1,6 @@
 // Prefill: synchronous production on the caller's thread before Start(), sharing the session and
 // the statistics with the worker.
+#include <future>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -46,6 +47,24 @@ TEST(PrefillTest, AfterStartThrowsWithoutTouchingTheProducer) {
             "Prefill must be called before Start().");
   EXPECT_TRUE(testing_support::Guarded([&] { return buffer.Join(); }, "Join"));
   EXPECT_EQ(recorded.log->Count(CallLog::kPrepare), 1u);
+}
+
+// A second call, and Start(), while the first waits in the producer are refused; it goes on.
+TEST(PrefillTest, ASecondCallWhileOneRunsIsRefused) {
+  std::promise<void> go_on;
+  Recorded recorded(Altered(FiniteScript(2), [held = go_on.get_future().share()](auto n, auto w) {
+    if (n == 0) held.wait_for(testing_support::kHangLimit);
+    return w;
+  }));
+  AsyncWindowBuffer buffer(std::move(recorded.producer));
+  auto first = std::async(std::launch::async, [&] { return buffer.Prefill(2); });
+  ASSERT_TRUE(recorded.log->WaitFor(CallLog::kProduce, 1));
+  EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.Prefill(1); }),
+            "Prefill must not be called while another Prefill call runs.");
+  EXPECT_EQ(testing::MessageOf<std::runtime_error>([&] { buffer.Start(); }),
+            "AsyncWindowBuffer::Start() must not be called while Prefill runs.");
+  go_on.set_value();
+  EXPECT_EQ(first.get(), 2u);
 }
 
 // An empty result ends the call; a failure passes to the caller. Windows queued before stay, with

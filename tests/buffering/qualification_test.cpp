@@ -119,7 +119,7 @@ QualificationReport PlainReport(const std::vector<double>& comp, const std::vect
   return report;
 }
 
-// Histories across several statistics chunks, with ties, with and without a retention.
+// Histories across several statistics chunks, with ties, with and without a retention, huge too.
 TEST(QualificationTest, MatchesAPlainCopyOfTheHistoryToTheBit) {
   std::mt19937_64 random(20261122);
   std::uniform_real_distribution<double> compute(0.5, 1.5);
@@ -128,7 +128,9 @@ TEST(QualificationTest, MatchesAPlainCopyOfTheHistoryToTheBit) {
     const std::size_t n = trial < 3 ? static_cast<std::size_t>(trial + 1) : length(random);
     const std::size_t prefill = random() % 20000;
     const std::optional<std::size_t> retention =
-        trial % 2 == 0 ? std::nullopt : std::optional<std::size_t>(1 + random() % 5000);
+        trial % 2 == 0   ? std::nullopt
+        : trial % 4 == 3 ? std::optional<std::size_t>(~std::size_t{0} - random() % 4096)  // all
+                         : std::optional<std::size_t>(1 + random() % 5000);
     std::vector<double> comp(n), dur(n);
     std::vector<std::string> text(n);
     for (std::size_t i = 0; i < n; ++i) {

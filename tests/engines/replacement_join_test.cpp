@@ -56,11 +56,9 @@ cw::SampleMatrix Stream(std::unique_ptr<cw::LiftedMpcSolveSession> solver, std::
 
 // At the next window, inside a queued window, inside the final hold, and at random.
 std::vector<std::size_t> Joins() {
-  std::vector<std::size_t> joins{50, 127, 350};
   std::mt19937 random(7);
   std::uniform_int_distribution<std::size_t> any(50, 400);
-  for (int i = 0; i < 4; ++i) joins.push_back(any(random));
-  return joins;
+  return {50, 127, 350, any(random), any(random), any(random), any(random)};
 }
 
 TEST(ReplacementJoinTest, TheCommandStepsAtTheJoinNoMoreThanAnywhereElse) {
@@ -85,9 +83,7 @@ TEST(ReplacementJoinTest, ShapingAcrossAJoinEqualsOfflineShapingOfTheSplicedRefe
     SCOPED_TRACE(join);
     const cw::SampleMatrix shaped =
         Stream(std::make_unique<ShapingSolveSession>(
-                   std::make_unique<cw::testing::ResumableFollowSolver>(
-                       std::make_shared<std::vector<cw::SolveResumePoint>>()),
-                   shaper, kSampleTimeS),
+                   std::make_unique<cw::testing::ResumableFollowSolver>(), shaper, kSampleTimeS),
                join, nullptr);
     const cw::SampleMatrix offline =
         ShapeSamples(Reference(join + 350, join), kSampleTimeS, shaper);

@@ -118,15 +118,17 @@ TEST(AppendableLiftedMpcWindowProducer, ConstructorChecksPointersThenWindowSizes
   const std::string null = "solve_session and reference_buffer must not be null.";
   const std::string sizes = "lookahead_samples must be at least one apply window.";
   const std::string period = "sample_time_s must be finite and positive.";
-  // solver given, reference given, apply samples (of 20), sample time, message
+  const std::string retention =
+      "reference_buffer retention_samples must be at least apply_samples (20), not 19.";
+  // solver given, reference given (retaining 19), apply samples (of 20), sample time, message
   const std::tuple<bool, bool, std::size_t, double, std::string> cases[] = {
       {false, true, 5, 0.01, null},  {true, false, 0, nan, null},  {true, true, 0, nan, sizes},
       {true, true, 21, 0.01, sizes}, {true, true, 5, 0.0, period}, {true, true, 5, -0.01, period},
-      {true, true, 5, nan, period},  {true, true, 5, inf, period}};
+      {true, true, 5, nan, period},  {true, true, 5, inf, period}, {true, true, 20, 1, retention}};
   for (const auto& [with_solver, with_reference, apply, sample_time_s, message] : cases) {
     auto solver = std::make_unique<::testing::StrictMock<MockSolver>>();
     EXPECT_CALL(*solver, Deleted(0));  // not leaked when the constructor throws
-    auto reference = with_reference ? std::make_shared<AppendableReferenceBuffer>(2) : nullptr;
+    auto reference = with_reference ? std::make_shared<AppendableReferenceBuffer>(2, 19) : nullptr;
     EXPECT_THAT(
         [&] {
           AppendableLiftedMpcWindowProducer(with_solver ? std::move(solver) : nullptr, reference,
@@ -135,6 +137,24 @@ TEST(AppendableLiftedMpcWindowProducer, ConstructorChecksPointersThenWindowSizes
         Throws<std::invalid_argument>(message));
   }
   EXPECT_NO_THROW(Harness(1, 20, 20));
+}
+
+// Over a retention of 4 with apply 4, the caller stays at most 4 samples ahead of the cursor: an
+// append or a hold that would drop a sample not read yet throws, and the stream goes on.
+TEST(AppendableLiftedMpcWindowProducer, ARetentionNeverDropsSamplesNotReadYet) {
+  const auto reference = std::make_shared<AppendableReferenceBuffer>(1, 4);
+  AppendableLiftedMpcWindowProducer producer(std::make_unique<testing::FollowReferenceSolver>(),
+                                             reference, 4, 8, 0.01, 0);
+  producer.PrepareSession();
+  reference->AppendReference(SampleMatrix::Zero(3, 1));
+  EXPECT_THROW(reference->ExtendHoldTo(5), std::runtime_error);
+  EXPECT_EQ(producer.ProduceNext()->stop_index, 4u);  // sample 2 held once
+  EXPECT_EQ(reference->appendable_samples(), 4u);
+  EXPECT_THAT([&] { reference->AppendReference(SampleMatrix::Zero(5, 1)); },
+              Throws<std::runtime_error>(
+                  "command would drop reference sample 4, which has not been read yet."));
+  reference->AppendReference(SampleMatrix::Zero(4, 1));
+  EXPECT_EQ(producer.ProduceNext()->stop_index, 8u);
 }
 
 // Only the first sample (or the end of an empty reference) is waited for, then the last sample

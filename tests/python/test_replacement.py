@@ -6,8 +6,7 @@ import corvane_window as cw
 from conftest import WAIT_S
 
 
-class Echo(cw.LiftedMpcSolveSession):
-    """Applies the reference unchanged; notes where it resumed."""
+class Echo(cw.LiftedMpcSolveSession):  # applies the reference unchanged; notes where it resumed
     Prepare = Finalize = lambda self: None
     ResumeFrom = lambda self, point: setattr(self, "point", point)
 
@@ -25,8 +24,8 @@ def test_a_python_solver_resumes_on_the_worker_from_the_command_before_the_join(
     done = buffer.ReplaceReference(start_index=6, samples=np.full((3, 1), 9.5), finish=True)
     assert (done.resume_index, done.discarded_windows, done.replacements) == (4, 1, 1)
     buffer.Start()
-    windows = iter(lambda: buffer.Pop(WAIT_S), None)
-    assert [w.positions[:, 0].tolist() for w in windows] == [[4, 5, 9.5, 9.5], [9.5]]
+    rows = [w.positions[:, 0].tolist() for w in iter(lambda: buffer.Pop(WAIT_S), None)]
+    assert rows == [[4, 5, 9.5, 9.5], [9.5]]
     assert solver.point.previous_command.positions.tolist() == [3.0]
     with pytest.raises(RuntimeError, match="cannot run once the worker has ended"):
         buffer.StopSmoothly(hold_samples=1)

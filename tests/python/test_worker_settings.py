@@ -19,6 +19,7 @@ class ScheduleProbe(cw.WindowProducerSession):
 
 def test_start_with_settings_schedules_the_worker_and_a_refusal_names_the_setting():
     cpu, probe = max(os.sched_getaffinity(0)), ScheduleProbe()
+    assert cw.WorkerSettings().policy == cw.WorkerPolicy.kInherit  # no policy asked for
     buffer = cw.AsyncWindowBuffer(probe)
     with pytest.raises(RuntimeError, match="WorkerSettings::name"):
         buffer.Start(cw.WorkerSettings(name="x" * 16))

@@ -47,7 +47,8 @@ class FollowReferenceSolver final : public LiftedMpcSolveSession {
 // `resumes` and calls `on_solve` (when set) as each solve begins, so a test can hold one in flight.
 class ResumableFollowSolver final : public LiftedMpcSolveSession, public ResumableSolveSession {
  public:
-  explicit ResumableFollowSolver(std::shared_ptr<std::vector<SolveResumePoint>> resumes,
+  explicit ResumableFollowSolver(std::shared_ptr<std::vector<SolveResumePoint>> resumes =
+                                     std::make_shared<std::vector<SolveResumePoint>>(),
                                  std::function<void()> on_solve = {})
       : resumes_(std::move(resumes)), on_solve_(std::move(on_solve)) {}
   void Prepare() override {}
