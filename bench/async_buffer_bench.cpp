@@ -27,7 +27,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "allocation_counter.hpp"
+#include "consumer_probes.hpp"
 #include "handoff_fixtures.hpp"
 #include "ratio_reporter.hpp"
 #include "thread_setup.hpp"
@@ -49,6 +49,8 @@ constexpr std::chrono::microseconds kPollTimeout{40};
 using corvane::bench::BareHandoff;
 using corvane::bench::BareProducer;
 using corvane::bench::CopyingProducer;
+using corvane::bench::CountAllocations;
+using corvane::bench::ReportLatency;
 using corvane::bench::TemplateWindow;
 
 // `count` copies of the template, each after a sleep of kSlowPeriod: slower than any consumer.
@@ -120,24 +122,12 @@ void BM_BlockedPopCpu_Baseline(benchmark::State& state) {
   }
 }
 
-// Runs `pop_all` on this thread and reports its allocations and frees per window.
-template <typename PopAll>
-void CountAllocations(benchmark::State& state, PopAll pop_all) {
-  const std::size_t allocations = corvane::bench::thread_allocations;
-  const std::size_t frees = corvane::bench::thread_frees;
-  pop_all();
-  state.counters["allocations_per_window"] =
-      static_cast<double>(corvane::bench::thread_allocations - allocations) / kWindowsPerRun;
-  state.counters["frees_per_window"] =
-      static_cast<double>(corvane::bench::thread_frees - frees) / kWindowsPerRun;
-}
-
 void BM_ConsumerAllocations_Buffer(benchmark::State& state) {
   for (auto _ : state) {
     cw::AsyncWindowBuffer buffer(std::make_unique<CopyingProducer>(kWindowsPerRun), 0,
                                  kBoundedCapacity);
     buffer.Start();
-    CountAllocations(state, [&] {
+    CountAllocations(state, kWindowsPerRun, [&] {
       while (auto window = buffer.Pop()) benchmark::DoNotOptimize(window->positions.data());
     });
   }
@@ -147,7 +137,7 @@ void BM_ConsumerAllocations_Baseline(benchmark::State& state) {
   for (auto _ : state) {
     BareHandoff handoff(kBoundedCapacity);
     std::thread producer = BareProducer(handoff, kWindowsPerRun);
-    CountAllocations(state, [&] {
+    CountAllocations(state, kWindowsPerRun, [&] {
       while (auto window = handoff.Pop(true)) benchmark::DoNotOptimize(window->positions.data());
     });
     producer.join();
@@ -180,38 +170,12 @@ void BM_FifoPollingShare(benchmark::State& state) {
   }
 }
 
-// Times every call of `pop` and reports the distribution as counters (microseconds).
-template <typename PopNowait>
-void ReportLatency(benchmark::State& state, PopNowait pop) {
-  std::vector<double> latencies_us(kLatencyCalls);
-  std::size_t windows = 0;
-  for (double& latency : latencies_us) {
-    const auto begin = std::chrono::steady_clock::now();
-    const std::optional<cw::WindowPayload> window = pop();
-    const auto end = std::chrono::steady_clock::now();
-    latency = std::chrono::duration<double, std::micro>(end - begin).count();
-    if (window) ++windows;  // the window is freed after the clock was read: not the call's cost
-  }
-  const auto over =
-      std::count_if(latencies_us.begin(), latencies_us.end(), [](double us) { return us > 10.0; });
-  std::sort(latencies_us.begin(), latencies_us.end());
-  const auto at = [&](double q) {
-    return latencies_us[static_cast<std::size_t>(q * static_cast<double>(kLatencyCalls - 1))];
-  };
-  state.counters["p50_us"] = at(0.5);
-  state.counters["p99_us"] = at(0.99);
-  state.counters["p999_us"] = at(0.999);
-  state.counters["max_us"] = latencies_us.back();
-  state.counters["over_10us_pct"] = 100.0 * static_cast<double>(over) / kLatencyCalls;
-  state.counters["windows"] = static_cast<double>(windows);
-}
-
 void BM_PopNowaitLatency_Buffer(benchmark::State& state) {
   for (auto _ : state) {
     cw::AsyncWindowBuffer buffer(std::make_unique<CopyingProducer>(std::nullopt), 0,
                                  kBoundedCapacity);
     buffer.Start();
-    ReportLatency(state, [&] { return buffer.PopNowait(); });
+    ReportLatency(state, kLatencyCalls, [&] { return buffer.PopNowait(); });
   }
 }
 
@@ -219,7 +183,7 @@ void BM_PopNowaitLatency_Baseline(benchmark::State& state) {
   for (auto _ : state) {
     BareHandoff handoff(kBoundedCapacity);
     std::thread producer = BareProducer(handoff, std::numeric_limits<std::size_t>::max());
-    ReportLatency(state, [&] { return handoff.Pop(false); });
+    ReportLatency(state, kLatencyCalls, [&] { return handoff.Pop(false); });
     handoff.Finish();
     producer.join();
   }

@@ -271,6 +271,7 @@ class AsyncWindowBuffer:
     def Prefill(self, max_windows: int) -> int: ...
     def Qualify(self, compute_fraction_limit: float) -> QualificationReport: ...
     def Totals(self) -> ProductionTotals: ...
+    def AttachTimingLog(self, log: TimingLog) -> None: ...
 
 class AppendableWindowBuffer(AsyncWindowBuffer):
     def __init__(self, producer: WindowProducerSession,
@@ -287,3 +288,39 @@ class AppendableWindowBuffer(AsyncWindowBuffer):
     def EarliestReplaceableIndex(self) -> int: ...
     def StopSmoothly(self, hold_samples: int) -> ReferenceReplacement: ...
     def Replacements(self) -> ReplacementTotals: ...
+
+UIntArray = npt.NDArray[np.uint64]
+
+class TimingRead:
+    sequence: UIntArray
+    start_index: UIntArray
+    stop_index: UIntArray
+    production_start_s: npt.NDArray[np.float64]
+    compute_time_s: npt.NDArray[np.float64]
+    duration_s: npt.NDArray[np.float64]
+    queued_s: npt.NDArray[np.float64]
+    queue_depth_windows: UIntArray
+    popped_s: npt.NDArray[np.float64]
+    margin_s: npt.NDArray[np.float64]
+    overwritten_windows: int
+    next_sequence: int
+    def __len__(self) -> int: ...
+
+class TimingCounters:
+    queued_windows: int
+    popped_windows: int
+    underrun_windows: int
+    deadline_misses: int
+    max_compute_time_s: float
+    min_margin_s: float
+    def __init__(self, *, queued_windows: int = ..., popped_windows: int = ...,
+                 underrun_windows: int = ..., deadline_misses: int = ...,
+                 max_compute_time_s: float = ..., min_margin_s: float = ...) -> None: ...
+
+class TimingLog:
+    capacity_windows: int
+    def __init__(self, capacity_windows: int) -> None: ...
+    def Origin(self) -> float: ...
+    def Read(self, sequence: int = 0) -> TimingRead: ...
+    def Counters(self) -> TimingCounters: ...
+    def ReportDeadlineMiss(self) -> None: ...

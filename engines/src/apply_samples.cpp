@@ -20,4 +20,11 @@ Eigen::Index ApplySamples(const control::window::WindowSlice& request) {
   return static_cast<Eigen::Index>(count);
 }
 
+void CheckRequestPositions(const control::window::WindowSlice& request) {
+  if (request.positions.cols() < 1 || !request.positions.allFinite()) {
+    throw std::invalid_argument(
+        "The request's positions must hold finite samples of at least one joint.");
+  }
+}
+
 }  // namespace corvane::control::engines

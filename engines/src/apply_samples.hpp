@@ -10,4 +10,8 @@ namespace corvane::control::engines {
 // Throws std::invalid_argument when it is missing or not such a count.
 Eigen::Index ApplySamples(const control::window::WindowSlice& request);
 
+// Throws std::invalid_argument unless the request's positions hold finite samples of at least
+// one joint.
+void CheckRequestPositions(const control::window::WindowSlice& request);
+
 }  // namespace corvane::control::engines

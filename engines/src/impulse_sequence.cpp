@@ -5,7 +5,9 @@
 #include <complex>
 #include <stdexcept>
 
+#include "angles.hpp"
 #include "shaping_taps.hpp"
+#include "vibration.hpp"
 
 namespace corvane::control::engines {
 
@@ -13,7 +15,8 @@ namespace cw = control::window;
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
+// Delays from 2^53 samples up no longer count whole samples exactly.
+constexpr double kLongestDelaySamples = 9007199254740992.0;
 
 void RequirePeriod(double sample_time_s) {
   if (!std::isfinite(sample_time_s) || sample_time_s <= 0.0) {
@@ -48,22 +51,50 @@ void ValidateImpulseSequence(const ImpulseSequence& shaper) {
   if (times.front() != 0.0 || !std::is_sorted(times.begin(), times.end())) {
     throw std::invalid_argument("The shaper's times must run from 0 upwards.");
   }
+  double sum = 0.0, size = 0.0;
+  for (const double amplitude : amplitudes) {
+    sum += amplitude;
+    size += std::abs(amplitude);
+  }
+  if (!(std::abs(sum - 1.0) <= 1e-9 * size)) {
+    throw std::invalid_argument("The shaper's amplitudes must sum to 1.");
+  }
 }
 
 double ResidualVibration(const ImpulseSequence& shaper, const VibrationMode& mode) {
   ValidateImpulseSequence(shaper);
   ValidateVibrationMode(mode);
-  const double w = 2.0 * kPi * mode.natural_frequency_hz;
+  return UncheckedResidualVibration(shaper, mode);
+}
+
+double UncheckedResidualVibration(const ImpulseSequence& shaper, const VibrationMode& mode) {
+  const double f = mode.natural_frequency_hz;
   const double z = mode.damping_ratio;
   const double end = shaper.times_s.back();
+  if (!std::isfinite(2.0 * kPi * f * end)) {
+    throw std::invalid_argument(
+        "natural_frequency_hz is too high for the shaper: its phase over the shaper's duration "
+        "is not finite.");
+  }
   // Each impulse, seen from the last one: a phasor of length A_i exp(-z w (tn - t_i)).
   std::complex<double> sum = 0.0;
   for (std::size_t i = 0; i < shaper.times_s.size(); ++i) {
     const double t = shaper.times_s[i];
-    sum += shaper.amplitudes[i] * std::exp(-z * w * (end - t)) *
-           std::polar(1.0, w * std::sqrt(1.0 - z * z) * t);
+    sum += shaper.amplitudes[i] * std::exp(-z * 2.0 * kPi * (f * (end - t))) *
+           std::polar(1.0, std::sqrt(1.0 - z * z) * 2.0 * kPi * (f * t));
   }
   return std::abs(sum);
+}
+
+double SampledResidualVibration(const ImpulseSequence& shaper, const VibrationMode& mode,
+                                double sample_time_s) {
+  ValidateVibrationMode(mode);
+  const ImpulseSequence applied = ShapingTaps(shaper, sample_time_s).Impulses(sample_time_s);
+  if (!std::isfinite(applied.times_s.back())) {
+    throw std::invalid_argument(
+        "sample_time_s is too long for the shaper: its whole-sample delays are not finite.");
+  }
+  return UncheckedResidualVibration(applied, mode);
 }
 
 Eigen::Index ShaperSamples(const ImpulseSequence& shaper, double sample_time_s) {
@@ -84,6 +115,11 @@ ShapingTaps::ShapingTaps(const ImpulseSequence& shaper, double sample_time_s) {
   for (std::size_t i = 0; i < shaper.times_s.size(); ++i) {
     // [samples]; a delay within rounding of a whole sample count is taken as that count.
     const double delay = shaper.times_s[i] / sample_time_s;
+    if (!(delay < kLongestDelaySamples)) {
+      throw std::invalid_argument(
+          "sample_time_s is too short for the shaper: its duration spans more samples than can "
+          "be counted.");
+    }
     const double nearest = std::round(delay);
     const double whole = std::abs(delay - nearest) < 1e-9 ? nearest : std::floor(delay);
     const double fraction = std::max(delay - whole, 0.0);
@@ -92,6 +128,18 @@ ShapingTaps::ShapingTaps(const ImpulseSequence& shaper, double sample_time_s) {
     if (fraction > 0.0) taps_.push_back({lag + 1, shaper.amplitudes[i] * fraction});
     history_rows_ = std::max(history_rows_, taps_.back().lag);
   }
+}
+
+ImpulseSequence ShapingTaps::Impulses(double sample_time_s) const {
+  std::vector<Tap> by_lag = taps_;
+  std::stable_sort(by_lag.begin(), by_lag.end(),
+                   [](const Tap& a, const Tap& b) { return a.lag < b.lag; });
+  ImpulseSequence impulses;
+  for (const Tap& tap : by_lag) {
+    impulses.amplitudes.push_back(tap.weight);
+    impulses.times_s.push_back(static_cast<double>(tap.lag) * sample_time_s);
+  }
+  return impulses;
 }
 
 cw::SampleMatrix ShapingTaps::Shape(const cw::SampleMatrix& source, Eigen::Index first,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -21,7 +22,8 @@ InputShaper::InputShaper(cw::SampleMatrix trajectory, double sample_time_s, Impu
     throw std::invalid_argument("The trajectory must hold finite samples of at least one joint.");
   }
   if (window_samples < 1) throw std::invalid_argument("window_samples must be positive.");
-  shaped_samples_ = trajectory_.rows() + ShaperSamples(shaper_, sample_time_s_);
+  taps_ = std::make_shared<const ShapingTaps>(shaper_, sample_time_s_);
+  shaped_samples_ = trajectory_.rows() + taps_->history_rows();
 }
 
 void InputShaper::Prepare() {
@@ -50,8 +52,7 @@ void InputShaper::Finalize() { ended_ = true; }
 
 cw::ShapedTrajectoryWindow InputShaper::ShapeWindow(Eigen::Index first, Eigen::Index rows) const {
   // One sample either side, for the central differences of velocity and acceleration.
-  const cw::SampleMatrix around =
-      ShapingTaps(shaper_, sample_time_s_).Shape(trajectory_, first - 1, rows + 2);
+  const cw::SampleMatrix around = taps_->Shape(trajectory_, first - 1, rows + 2);
   const auto before = around.topRows(rows);
   const auto at = around.middleRows(1, rows);
   const auto after = around.bottomRows(rows);

@@ -23,6 +23,9 @@ LiftedMpcSolver::LiftedMpcSolver(double sample_time_s, Eigen::Index horizon_samp
   if (!(weights.acceleration_s4 >= 0.0) || !(weights.acceleration_change_s4 >= 0.0)) {
     throw std::invalid_argument("LiftedMpcWeights must not be negative.");
   }
+  if (!std::isfinite(weights.acceleration_s4) || !std::isfinite(weights.acceleration_change_s4)) {
+    throw std::invalid_argument("LiftedMpcWeights must be finite.");
+  }
 }
 
 void LiftedMpcSolver::Prepare() {
@@ -69,6 +72,7 @@ cw::WindowPayload LiftedMpcSolver::Solve(const cw::WindowSlice& request) {
 void LiftedMpcSolver::SolveInto(const cw::WindowSlice& request, cw::WindowPayload& window) {
   const auto started = std::chrono::steady_clock::now();
   const Eigen::Index apply = ApplySamples(request);
+  CheckRequestPositions(request);
   const Eigen::Index joints = request.positions.cols();
   if (!state_) {
     const Eigen::RowVectorXd rest = Eigen::RowVectorXd::Zero(joints);

@@ -5,6 +5,7 @@
 #include <complex>
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -12,11 +13,16 @@
 
 #include <Eigen/QR>
 
+#include "angles.hpp"
+#include "design_reach.hpp"
+
 namespace corvane::control::engines {
 
 namespace {
 
-constexpr double kPi = 3.14159265358979323846;
+// The damping ratio up to which a design is followed before it counts as existing for every
+// damping ratio below 1.
+constexpr double kDampingRatioReach = 0.999;
 
 // Checks the mode, then the tolerance.
 void ValidateDesign(const VibrationMode& mode, double vibration_tolerance) {
@@ -26,20 +32,35 @@ void ValidateDesign(const VibrationMode& mode, double vibration_tolerance) {
   }
 }
 
+// The shaper with `times` [rad] in units where the natural frequency is 1 rad/s, scaled to
+// seconds for `mode`. Throws std::invalid_argument naming natural_frequency_hz when so low a
+// frequency puts the impulses beyond any finite time.
+ImpulseSequence InSeconds(const VibrationMode& mode, std::vector<double> amplitudes,
+                          const std::vector<double>& times) {
+  ImpulseSequence shaper{std::move(amplitudes), {}};
+  for (const double t : times) {
+    shaper.times_s.push_back(t / (2.0 * kPi * mode.natural_frequency_hz));
+  }
+  if (!std::isfinite(shaper.times_s.back())) {
+    throw std::invalid_argument(
+        "natural_frequency_hz is too low: the shaper's impulses lie beyond any finite time.");
+  }
+  return shaper;
+}
+
 // Impulses `spacing` [rad] apart, in units where the natural frequency is 1 rad/s, with
 // amplitudes pattern[i] * decay^i scaled to sum to 1; times then scaled to seconds for `mode`.
 ImpulseSequence Geometric(const VibrationMode& mode, const std::vector<double>& pattern,
                           double decay, double spacing) {
-  ImpulseSequence shaper;
+  std::vector<double> amplitudes, times;
   double scale = 1.0, sum = 0.0;
   for (std::size_t i = 0; i < pattern.size(); ++i, scale *= decay) {
-    shaper.amplitudes.push_back(pattern[i] * scale);
-    shaper.times_s.push_back(static_cast<double>(i) * spacing /
-                             (2.0 * kPi * mode.natural_frequency_hz));
-    sum += shaper.amplitudes.back();
+    amplitudes.push_back(pattern[i] * scale);
+    times.push_back(static_cast<double>(i) * spacing);
+    sum += amplitudes.back();
   }
-  for (double& amplitude : shaper.amplitudes) amplitude /= sum;
-  return shaper;
+  for (double& amplitude : amplitudes) amplitude /= sum;
+  return InSeconds(mode, std::move(amplitudes), times);
 }
 
 // The damped half period in units of the natural frequency, pi / sqrt(1 - z^2), and the decay of
@@ -152,12 +173,12 @@ Eigen::VectorXd Residuals(const HumpLayout& layout, const Eigen::VectorXd& x, do
   return Eigen::Map<const Eigen::VectorXd>(out.data(), static_cast<Eigen::Index>(out.size()));
 }
 
-// Newton's method with a central-difference Jacobian; true once every residual is below 1e-13.
+// Newton's method with a central-difference Jacobian, each step halved until it lowers the
+// residuals' norm; true once every residual is below 1e-13.
 bool SolveHumps(const HumpLayout& layout, Eigen::VectorXd& x, double z, double tolerance) {
   const Eigen::Index size = x.size();
-  for (int iteration = 0; iteration < 50; ++iteration) {
-    const Eigen::VectorXd r = Residuals(layout, x, z, tolerance);
-    if (!r.allFinite()) return false;
+  Eigen::VectorXd r = Residuals(layout, x, z, tolerance);
+  for (int iteration = 0; iteration < 12 && r.allFinite(); ++iteration) {
     if (r.cwiseAbs().maxCoeff() < 1e-13) return true;
     Eigen::MatrixXd jacobian(size, size);
     for (Eigen::Index j = 0; j < size; ++j) {
@@ -168,76 +189,176 @@ bool SolveHumps(const HumpLayout& layout, Eigen::VectorXd& x, double z, double t
       jacobian.col(j) =
           (Residuals(layout, up, z, tolerance) - Residuals(layout, down, z, tolerance)) / (2 * h);
     }
-    x -= jacobian.colPivHouseholderQr().solve(r);
+    const Eigen::VectorXd step = jacobian.colPivHouseholderQr().solve(r);
+    double scale = 1.0;
+    for (; scale > 1e-3; scale /= 2.0) {
+      const Eigen::VectorXd trial = x - scale * step;
+      const Eigen::VectorXd trial_r = Residuals(layout, trial, z, tolerance);
+      if (trial_r.allFinite() && trial_r.norm() < r.norm()) {
+        x = trial;
+        r = trial_r;
+        break;
+      }
+    }
+    if (scale <= 1e-3) return false;
   }
   return false;
 }
 
 // The undamped vibration curve's local minima and maxima nearest the design frequency, on
-// either side, as the starting values of the free frequencies.
+// either side, as the starting values of the free frequencies: each side is walked outwards on a
+// grid whose spacing grows with the distance from the design frequency, so that extremes close
+// to it (those of a small tolerance) are told apart as well as far ones.
 void SeedFrequencies(const HumpLayout& layout, HumpUnknowns& u) {
   constexpr int kSteps = 4000;
-  std::vector<double> below_max, above_max, below_min, above_min;
-  double before = std::abs(PhasorAt(u, 0.0, 0.0).value);
-  double at = std::abs(PhasorAt(u, 0.0, 2.0 / kSteps).value);
-  for (int step = 2; step < kSteps; ++step) {
-    const double w = static_cast<double>(step - 1) * 2.0 / kSteps;
-    const double after = std::abs(PhasorAt(u, 0.0, w + 2.0 / kSteps).value);
-    if (std::abs(w - 1.0) > 1e-3) {
-      if (at > before && at >= after) (w < 1.0 ? below_max : above_max).push_back(w);
-      if (at < before && at <= after) (w < 1.0 ? below_min : above_min).push_back(w);
+  for (const double side : {-1.0, 1.0}) {
+    const auto frequency = [side](int step) {
+      return 1.0 + side * std::pow(10.0, 6.0 * step / kSteps - 6.0);  // 1e-6 to 1 away
+    };
+    const auto vibration = [&](int step) {
+      return std::abs(PhasorAt(u, 0.0, frequency(step)).value);
+    };
+    std::size_t humps = 0, zeros = 0;
+    double before = vibration(0), at = vibration(1);
+    for (int step = 1; step < kSteps; ++step) {
+      const double after = vibration(step + 1);
+      if (at > before && at >= after && humps++ < layout.side_humps) {
+        u.humps.push_back(frequency(step));
+      }
+      if (at < before && at <= after && zeros++ < layout.side_zeros) {
+        u.zeros.push_back(frequency(step));
+      }
+      before = std::exchange(at, after);
     }
-    before = at;
-    at = after;
   }
-  // The `count` nearest the design frequency on either side, below first.
-  const auto nearest = [](std::vector<double> below, std::vector<double> above, std::size_t count,
-                          std::vector<double>& into) {
-    std::reverse(below.begin(), below.end());
-    below.resize(std::min(count, below.size()));
-    above.resize(std::min(count, above.size()));
-    into.insert(into.end(), below.begin(), below.end());
-    into.insert(into.end(), above.begin(), above.end());
-  };
-  nearest(below_max, above_max, layout.side_humps, u.humps);
-  nearest(below_min, above_min, layout.side_zeros, u.zeros);
 }
 
-// The design of `layout` for the mode, started from the undamped closed-form amplitudes at
-// impulses half a period apart and followed in steps of 0.02 of damping ratio. Throws
-// std::domain_error naming the design when the continuation loses it: no solution, or one with
-// an amplitude that is not positive or impulses out of order.
-ImpulseSequence HumpShaper(const VibrationMode& mode, double tolerance, const HumpLayout& layout,
-                           std::vector<double> undamped_amplitudes, const char* name) {
-  const auto lost = [name] {
-    return std::domain_error(std::string("No ") + name +
-                             " shaper exists for this damping ratio and vibration tolerance.");
-  };
-  HumpUnknowns seed{std::move(undamped_amplitudes), {}, {}, {}};
-  for (std::size_t i = 0; i < layout.impulses; ++i) {
-    seed.times.push_back(kPi * static_cast<double>(i));
-  }
-  SeedFrequencies(layout, seed);
-  if (seed.humps.size() + seed.zeros.size() != 2 * (layout.side_humps + layout.side_zeros)) {
-    throw lost();
-  }
-  Eigen::VectorXd x = Pack(seed);
-  const double z = mode.damping_ratio;
-  const int steps = std::max(1, static_cast<int>(std::ceil(z / 0.02)));
-  for (int step = 0; step <= steps; ++step) {
-    if (!SolveHumps(layout, x, z * step / steps, tolerance)) throw lost();
-  }
+// True when the unknowns are a design: positive amplitudes, impulses in order, the free humps
+// between the outermost zeros, which straddle the design frequency, and nowhere between those
+// zeros a vibration above the tolerance.
+bool IsDesign(const HumpLayout& layout, const Eigen::VectorXd& x, double z, double tolerance) {
   const HumpUnknowns u = Unpack(layout, x);
   const bool positive =
       std::all_of(u.amplitudes.begin(), u.amplitudes.end(), [](double a) { return a > 0.0; });
   const bool increasing =
       std::adjacent_find(u.times.begin(), u.times.end(), std::greater_equal<>()) == u.times.end();
-  if (!positive || !increasing) throw lost();
-  ImpulseSequence shaper{u.amplitudes, {}};
-  for (const double t : u.times) {
-    shaper.times_s.push_back(t / (2.0 * kPi * mode.natural_frequency_hz));
+  const auto [low, high] = std::minmax_element(u.zeros.begin(), u.zeros.end());
+  if (!positive || !increasing || !(*low < 1.0 && 1.0 < *high)) return false;
+  const bool humps_inside =
+      std::all_of(u.humps.begin(), u.humps.end(), [&](double w) { return *low < w && w < *high; });
+  constexpr int kPoints = 400;
+  for (int point = 0; humps_inside && point <= kPoints; ++point) {
+    const double w = *low + (*high - *low) * point / kPoints;
+    if (std::abs(PhasorAt(u, z, w).value) > tolerance * (1.0 + 1e-9) + 1e-12) return false;
   }
-  return shaper;
+  return humps_inside;
+}
+
+// An extra-insensitive design: its layout, its undamped closed-form amplitudes (impulses half a
+// period apart) and its name in messages.
+struct HumpFamily {
+  HumpLayout layout;
+  std::vector<double> undamped_amplitudes;
+  const char* name;
+};
+
+// How far the continuation of a design got.
+struct Followed {
+  std::optional<double> damping_ratio;  // the largest reached, none when not even undamped
+  Eigen::VectorXd unknowns;             // the design there
+};
+
+// The design followed from the undamped closed form up to damping ratio `until`, in steps that
+// double while they succeed (up to 0.05) and halve when the solve fails or the solution stops
+// being a design, each started from the line through the last two designs. It stops where the
+// step falls under 1e-7: the design ends there.
+Followed FollowDesign(const HumpFamily& family, double tolerance, double until) {
+  const HumpLayout& layout = family.layout;
+  HumpUnknowns seed{family.undamped_amplitudes, {}, {}, {}};
+  for (std::size_t i = 0; i < layout.impulses; ++i) {
+    seed.times.push_back(kPi * static_cast<double>(i));
+  }
+  SeedFrequencies(layout, seed);
+  Followed followed{std::nullopt, Pack(seed)};
+  if (seed.humps.size() + seed.zeros.size() != 2 * (layout.side_humps + layout.side_zeros) ||
+      !SolveHumps(layout, followed.unknowns, 0.0, tolerance) ||
+      !IsDesign(layout, followed.unknowns, 0.0, tolerance)) {
+    return followed;
+  }
+  double z = 0.0, step = 0.005, previous_z = 0.0;
+  Eigen::VectorXd previous = followed.unknowns;
+  while (z < until && step >= 1e-7) {
+    const double next = std::min(until, z + step);
+    Eigen::VectorXd x = followed.unknowns;
+    if (z > previous_z) x += (followed.unknowns - previous) * ((next - z) / (z - previous_z));
+    if (SolveHumps(layout, x, next, tolerance) && IsDesign(layout, x, next, tolerance)) {
+      previous = std::exchange(followed.unknowns, x);
+      previous_z = std::exchange(z, next);
+      step = std::min(2.0 * step, 0.05);
+    } else {
+      step /= 2.0;
+    }
+  }
+  followed.damping_ratio = z;
+  return followed;
+}
+
+// The design of `family` for the mode, or nothing where the continuation ends before the mode's
+// damping ratio.
+std::optional<ImpulseSequence> HumpDesign(const VibrationMode& mode, double tolerance,
+                                          const HumpFamily& family) {
+  const Followed followed = FollowDesign(family, tolerance, mode.damping_ratio);
+  if (!followed.damping_ratio || *followed.damping_ratio < mode.damping_ratio) return std::nullopt;
+  const HumpUnknowns u = Unpack(family.layout, followed.unknowns);
+  return InSeconds(mode, u.amplitudes, u.times);
+}
+
+// HumpDesign(), throwing std::domain_error naming the design where there is none.
+ImpulseSequence HumpShaper(const VibrationMode& mode, double tolerance, const HumpFamily& family) {
+  std::optional<ImpulseSequence> shaper = HumpDesign(mode, tolerance, family);
+  if (!shaper) {
+    throw std::domain_error(std::string("No ") + family.name +
+                            " shaper exists for this damping ratio and vibration tolerance.");
+  }
+  return *std::move(shaper);
+}
+
+// Undamped closed form (Singhose, Seering and Singer 1994):
+//   A = [(1 + V) / 4, (1 - V) / 2, (1 + V) / 4],  t = [0, T / 2, T].
+HumpFamily EiFamily(double v) {
+  return {{3, true, 0, 1}, {(1 + v) / 4, (1 - v) / 2, (1 + v) / 4}, "EI"};
+}
+
+// Undamped closed form (Singhose, Porter, Tuttle and Singer 1997), impulses T / 2 apart:
+//   X = (V^2 (sqrt(1 - V^2) + 1))^(1/3),  A1 = A4 = (3 X^2 + 2 X + 3 V^2) / (16 X),
+//   A2 = A3 = 1/2 - A1.
+HumpFamily TwoHumpEiFamily(double v) {
+  const double x = std::cbrt(v * v * (std::sqrt(1 - v * v) + 1));
+  const double a1 = (3 * x * x + 2 * x + 3 * v * v) / (16 * x);
+  return {{4, false, 1, 1}, {a1, 0.5 - a1, 0.5 - a1, a1}, "two-hump EI"};
+}
+
+// Undamped closed form (Singhose, Porter, Tuttle and Singer 1997), impulses T / 2 apart:
+//   A1 = A5 = (1 + 3 V + 2 sqrt(2 V (V + 1))) / 16,  A2 = A4 = (1 - V) / 4,
+//   A3 = 1 - 2 (A1 + A2).
+HumpFamily ThreeHumpEiFamily(double v) {
+  const double a1 = (1 + 3 * v + 2 * std::sqrt(2 * v * (v + 1))) / 16;
+  const double a2 = (1 - v) / 4;
+  return {{5, true, 1, 2}, {a1, a2, 1 - 2 * (a1 + a2), a2, a1}, "three-hump EI"};
+}
+
+// The extra-insensitive design of `kind`; nothing for a zero-vibration kind.
+std::optional<HumpFamily> HumpFamilyOf(ShaperKind kind, double v) {
+  switch (kind) {
+    case ShaperKind::kEi:
+      return EiFamily(v);
+    case ShaperKind::kTwoHumpEi:
+      return TwoHumpEiFamily(v);
+    case ShaperKind::kThreeHumpEi:
+      return ThreeHumpEiFamily(v);
+    default:
+      return std::nullopt;
+  }
 }
 
 }  // namespace
@@ -287,39 +408,45 @@ ImpulseSequence ZvdShaper(const VibrationMode& mode) {
   return Geometric(mode, {1.0, 2.0, 1.0}, Decay(z, 1.0), HalfPeriod(z));
 }
 
-// Undamped closed form (Singhose, Seering and Singer 1994):
-//   A = [(1 + V) / 4, (1 - V) / 2, (1 + V) / 4],  t = [0, T / 2, T].
 ImpulseSequence EiShaper(const VibrationMode& mode, double vibration_tolerance) {
   ValidateDesign(mode, vibration_tolerance);
-  const double v = vibration_tolerance;
-  return HumpShaper(mode, v, {3, true, 0, 1}, {(1 + v) / 4, (1 - v) / 2, (1 + v) / 4}, "EI");
+  return HumpShaper(mode, vibration_tolerance, EiFamily(vibration_tolerance));
 }
 
-// Undamped closed form (Singhose, Porter, Tuttle and Singer 1997), impulses T / 2 apart:
-//   X = (V^2 (sqrt(1 - V^2) + 1))^(1/3),  A1 = A4 = (3 X^2 + 2 X + 3 V^2) / (16 X),
-//   A2 = A3 = 1/2 - A1.
 ImpulseSequence TwoHumpEiShaper(const VibrationMode& mode, double vibration_tolerance) {
   ValidateDesign(mode, vibration_tolerance);
-  const double v = vibration_tolerance;
-  const double x = std::cbrt(v * v * (std::sqrt(1 - v * v) + 1));
-  const double a1 = (3 * x * x + 2 * x + 3 * v * v) / (16 * x);
-  return HumpShaper(mode, v, {4, false, 1, 1}, {a1, 0.5 - a1, 0.5 - a1, a1}, "two-hump EI");
+  return HumpShaper(mode, vibration_tolerance, TwoHumpEiFamily(vibration_tolerance));
 }
 
-// Undamped closed form (Singhose, Porter, Tuttle and Singer 1997), impulses T / 2 apart:
-//   A1 = A5 = (1 + 3 V + 2 sqrt(2 V (V + 1))) / 16,  A2 = A4 = (1 - V) / 4,
-//   A3 = 1 - 2 (A1 + A2).
 ImpulseSequence ThreeHumpEiShaper(const VibrationMode& mode, double vibration_tolerance) {
   ValidateDesign(mode, vibration_tolerance);
-  const double v = vibration_tolerance;
-  const double a1 = (1 + 3 * v + 2 * std::sqrt(2 * v * (v + 1))) / 16;
-  const double a2 = (1 - v) / 4;
-  return HumpShaper(mode, v, {5, true, 1, 2}, {a1, a2, 1 - 2 * (a1 + a2), a2, a1}, "three-hump EI");
+  return HumpShaper(mode, vibration_tolerance, ThreeHumpEiFamily(vibration_tolerance));
+}
+
+std::optional<double> MaximumDampingRatio(ShaperKind kind, double vibration_tolerance) {
+  ValidateDesign({1.0, 0.0}, vibration_tolerance);
+  const std::optional<HumpFamily> family = HumpFamilyOf(kind, vibration_tolerance);
+  if (!family) return 1.0;
+  const Followed followed = FollowDesign(*family, vibration_tolerance, kDampingRatioReach);
+  return followed.damping_ratio && *followed.damping_ratio >= kDampingRatioReach
+             ? std::optional<double>(1.0)
+             : followed.damping_ratio;
+}
+
+std::optional<ImpulseSequence> DesignIfExists(ShaperKind kind, const VibrationMode& mode,
+                                              double vibration_tolerance) {
+  const std::optional<HumpFamily> family = HumpFamilyOf(kind, vibration_tolerance);
+  if (!family) return DesignShaper(kind, mode, vibration_tolerance);
+  ValidateDesign(mode, vibration_tolerance);
+  return HumpDesign(mode, vibration_tolerance, *family);
 }
 
 ImpulseSequence DesignShaper(ShaperKind kind, const VibrationMode& mode,
                              double vibration_tolerance) {
   ValidateDesign(mode, vibration_tolerance);
+  if (const std::optional<HumpFamily> family = HumpFamilyOf(kind, vibration_tolerance)) {
+    return HumpShaper(mode, vibration_tolerance, *family);
+  }
   switch (kind) {
     case ShaperKind::kZv:
       return ZvShaper(mode);
@@ -327,14 +454,9 @@ ImpulseSequence DesignShaper(ShaperKind kind, const VibrationMode& mode,
       return MzvShaper(mode);
     case ShaperKind::kZvd:
       return ZvdShaper(mode);
-    case ShaperKind::kEi:
-      return EiShaper(mode, vibration_tolerance);
-    case ShaperKind::kTwoHumpEi:
-      return TwoHumpEiShaper(mode, vibration_tolerance);
-    case ShaperKind::kThreeHumpEi:
-      return ThreeHumpEiShaper(mode, vibration_tolerance);
+    default:
+      throw std::invalid_argument("kind must be one of the ShaperKind values.");
   }
-  throw std::invalid_argument("kind must be one of the ShaperKind values.");
 }
 
 }  // namespace corvane::control::engines

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -16,7 +17,8 @@ ShapingSolveSession::ShapingSolveSession(std::unique_ptr<cw::LiftedMpcSolveSessi
                                          ImpulseSequence shaper, double sample_time_s)
     : solver_(std::move(solver)), shaper_(std::move(shaper)), sample_time_s_(sample_time_s) {
   if (!solver_) throw std::invalid_argument("solver must not be null.");
-  history_rows_ = ShapingTaps(shaper_, sample_time_s_).history_rows();
+  taps_ = std::make_shared<const ShapingTaps>(shaper_, sample_time_s_);
+  history_rows_ = taps_->history_rows();
 }
 
 void ShapingSolveSession::Prepare() {
@@ -73,6 +75,7 @@ void ShapingSolveSession::ResumeFrom(const cw::SolveResumePoint& point) {
 
 cw::WindowPayload ShapingSolveSession::Solve(const cw::WindowSlice& request) {
   const Eigen::Index apply = ApplySamples(request);
+  CheckRequestPositions(request);
   CheckContinues(request);
   cw::WindowSlice shaped;
   shaped.positions = ShapedPositions(request);
@@ -109,7 +112,7 @@ cw::SampleMatrix ShapingSolveSession::ShapedPositions(const cw::WindowSlice& req
         history_.middleRows(static_cast<Eigen::Index>(first_kept - history_start_), before);
   }
   source.bottomRows(request.positions.rows()) = request.positions;
-  return ShapingTaps(shaper_, sample_time_s_).Shape(source, before, request.positions.rows());
+  return taps_->Shape(source, before, request.positions.rows());
 }
 
 void ShapingSolveSession::Remember(const cw::WindowSlice& request, Eigen::Index apply) {

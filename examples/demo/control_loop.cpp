@@ -51,16 +51,20 @@ cw::SampleMatrix Stack(const std::vector<cw::SampleMatrix>& windows) {
 }  // namespace
 
 Playback PlayWindows(cw::AsyncWindowBuffer& buffer, double sample_time_s, Clock::time_point start,
-                     bool fast) {
+                     bool fast, cw::TimingLog* timing) {
   Playback playback;
   std::vector<cw::SampleMatrix> played;
   Eigen::Index scheduled = 0;  // sample periods from `start` to when the next window is due
   Clock::time_point last_window = Clock::now();
-  bool missed = false;  // the window due now has been missed already
+  bool missed = false;    // the window due now has been missed already
+  Clock::time_point due;  // when the window due now first was
   Eigen::Index samples = 0;
   for (int second = 1;;) {
-    if (!fast) SleepUntil(start + FromSeconds(static_cast<double>(scheduled) * sample_time_s));
+    const Clock::time_point wake =
+        start + FromSeconds(static_cast<double>(scheduled) * sample_time_s);
+    if (!fast) SleepUntil(wake);
     const Clock::time_point asked = Clock::now();
+    if (!missed) due = fast ? asked : wake;
     std::optional<cw::WindowPayload> window = fast ? buffer.Pop(kStallTimeout) : buffer.PopNowait();
     const Clock::time_point answered = Clock::now();
     if (!window) {
@@ -68,14 +72,19 @@ Playback PlayWindows(cw::AsyncWindowBuffer& buffer, double sample_time_s, Clock:
       if (answered - last_window >= kStallTimeout) {
         throw std::runtime_error("No window arrived within 2 s.");
       }
-      playback.deadline_misses += missed ? 0 : 1;
+      if (!missed) {
+        ++playback.deadline_misses;
+        if (timing) timing->ReportDeadlineMiss();
+      }
       missed = true;
       ++scheduled;  // hold the last command for one sample
       continue;
     }
+    if (missed) playback.late_windows.push_back(played.size());
     missed = false;
     last_window = answered;
     playback.pop_waits_s.push_back(Seconds(answered - asked));
+    playback.pop_latencies_s.push_back(Seconds(answered - due));
     const Eigen::Index rows = window->positions.rows();
     played.push_back(std::move(window->positions));
     samples += rows;

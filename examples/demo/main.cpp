@@ -8,6 +8,7 @@
 #include "demo/plant_mode.hpp"
 #include "demo/record_replay.hpp"
 #include "demo/report.hpp"
+#include "demo/timing.hpp"
 
 namespace demo = corvane::demo;
 
@@ -38,6 +39,13 @@ int main(int argc, char** argv) {
     if (!options.csv_path.empty()) demo::WriteCsv(options.csv_path, run, options.sample_time_s());
     if (!options.plot_path.empty()) {
       demo::WritePlot(options.plot_path, run, options.sample_time_s());
+    }
+    if (!options.timing_path.empty()) {
+      demo::WriteTimingCsv(options.timing_path, run.timing);
+      if (!options.plot_path.empty()) {
+        demo::WriteTimingPlot(demo::TimingPlotPath(options.plot_path), run.timing,
+                              run.playback.pop_latencies_s, run.playback.late_windows);
+      }
     }
   } catch (const std::exception& error) {
     std::fprintf(stderr, "corvane-window-demo: %s\n", error.what());

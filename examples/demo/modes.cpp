@@ -28,10 +28,14 @@ constexpr std::size_t kQueueWindows = 4;
 // The arm's first vibration mode, which the shaper cancels.
 constexpr engines::VibrationMode kArmMode{6.0, 0.05};
 
-// Plays a started buffer from `start` on and judges how its production kept up.
-DemoRun Play(cw::AsyncWindowBuffer& buffer, const DemoOptions& options, Clock::time_point start) {
+// Plays a started buffer from `start` on, with a monitor reading its timing log when it has one,
+// and judges how its production kept up.
+DemoRun Play(cw::AsyncWindowBuffer& buffer, const DemoOptions& options, Clock::time_point start,
+             const std::shared_ptr<cw::TimingLog>& timing) {
+  TimingMonitor monitor(timing);
   DemoRun run;
-  run.playback = PlayWindows(buffer, options.sample_time_s(), start, options.fast);
+  run.playback = PlayWindows(buffer, options.sample_time_s(), start, options.fast, timing.get());
+  run.timing = monitor.Finish();
   run.qualification = buffer.Qualify(kComputeFractionLimit);
   return run;
 }
@@ -62,6 +66,7 @@ DemoRun RunMpc(const DemoOptions& options, cw::SampleMatrix reference) {
       std::move(solver), stored, static_cast<std::size_t>(options.apply_samples),
       static_cast<std::size_t>(options.lookahead_samples), h, 0);
   cw::AppendableWindowBuffer buffer(std::move(producer), stored, kPrefillWindows, kQueueWindows);
+  const auto timing = AttachTimingLog(buffer, !options.timing_path.empty());
   const Clock::time_point start = Clock::now();
   ReferenceStreamer planner(buffer, *stored, reference,
                             options.fast ? std::nullopt : std::optional(PlaybackClock{start, h}));
@@ -69,7 +74,7 @@ DemoRun RunMpc(const DemoOptions& options, cw::SampleMatrix reference) {
   // compute time of the first window.
   stored->WaitUntilSamples(1);
   buffer.Start();
-  DemoRun run = Play(buffer, options, start);
+  DemoRun run = Play(buffer, options, start, timing);
   planner.Join();
   run.reference = buffer.ReferencePositions();
   run.hold_samples =
@@ -84,8 +89,9 @@ DemoRun RunShaper(const DemoOptions& options, const cw::SampleMatrix& reference)
       reference, options.sample_time_s(), engines::ZvdShaper(kArmMode), options.apply_samples);
   cw::AsyncWindowBuffer buffer(std::make_unique<cw::ShaperWindowProducer>(std::move(shaper)),
                                kPrefillWindows, kQueueWindows);
+  const auto timing = AttachTimingLog(buffer, !options.timing_path.empty());
   buffer.Start();
-  DemoRun run = Play(buffer, options, Clock::now());
+  DemoRun run = Play(buffer, options, Clock::now(), timing);
   run.reference = HeldTo(reference, run.playback.command.rows());
   return run;
 }
@@ -115,8 +121,9 @@ DemoRun RunReplay(const DemoOptions& options, const cw::SampleMatrix& reference)
   cw::AsyncWindowBuffer buffer(std::make_unique<cw::FiniteWindowProducer>(
                                    std::move(windows), std::vector<cw::WindowPayload>{}),
                                kPrefillWindows, kQueueWindows);
+  const auto timing = AttachTimingLog(buffer, !options.timing_path.empty());
   buffer.Start();
-  DemoRun run = Play(buffer, options, Clock::now());
+  DemoRun run = Play(buffer, options, Clock::now(), timing);
   run.reference = reference;
   return run;
 }

@@ -8,6 +8,7 @@
 
 #include "demo/control_loop.hpp"
 #include "demo/options.hpp"
+#include "demo/timing.hpp"
 
 namespace corvane::demo {
 
@@ -18,6 +19,7 @@ struct DemoRun {
   std::size_t hold_samples = 0;  // reference samples the producer held beyond the planner's
   control::window::QualificationReport qualification;
   double wall_time_s = 0.0;  // [s] from planning to the last window
+  TimingRecord timing;       // with --timing: every window's timing, else empty
 };
 
 // Plans the point-to-point motion and plays it through the engine of options.mode.

@@ -15,8 +15,8 @@ const char kUsage[] =
     "Usage: corvane-window-demo [options]\n"
     "Streams point-to-point moves through the lifted-MPC path into a simulated flexible arm,\n"
     "unshaped and shaped, and prints the vibration they leave against theory (plant mode;\n"
-    "it takes only --plot, --record and --replay). The other modes play a 6-joint arm's moves\n"
-    "in real time.\n"
+    "it takes only --plot, --record, --replay and --timing). The other modes play a 6-joint\n"
+    "arm's moves in real time.\n"
     "  --mode plant|mpc|shaper|replay\n"
     "                            the simulated arm (default); lifted MPC over a streamed\n"
     "                            reference, input shaping, or replay of precomputed windows\n"
@@ -34,7 +34,11 @@ const char kUsage[] =
     "                            (needs gnuplot)\n"
     "  --record FILE             plant mode: save the popped windows of the tuned shaped run\n"
     "                            (with --replay: of the replayed run)\n"
-    "  --replay FILE             plant mode: play a saved record into the arm instead\n";
+    "  --replay FILE             plant mode: play a saved record into the arm instead\n"
+    "  --timing FILE             write the timing of every window as CSV (in plant mode, of the\n"
+    "                            tuned shaped run); with --plot also FILE-timing.png beside the\n"
+    "                            plot: compute time and margin per window, and the loop's pop\n"
+    "                            latency with the deadline misses marked\n";
 
 namespace {
 
@@ -113,6 +117,7 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
       {"--plot", [&](const std::string& v) { options.plot_path = v; }},
       {"--record", [&](const std::string& v) { options.record_path = v; }},
       {"--replay", [&](const std::string& v) { options.replay_path = v; }},
+      {"--timing", [&](const std::string& v) { options.timing_path = v; }},
   };
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
@@ -136,6 +141,9 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
       options.mode != Mode::kPlant) {
     throw UsageError("--record and --replay need the plant mode.");
   }
+  if (!options.timing_path.empty() && !options.replay_path.empty()) {
+    throw UsageError("--timing does not go with --replay.");
+  }
   if (options.lookahead_samples < options.apply_samples) {
     throw UsageError("--lookahead must be at least --apply.");
   }
@@ -145,6 +153,7 @@ DemoOptions ParseOptions(int argc, const char* const* argv) {
   CheckWritable("--csv", options.csv_path);
   CheckWritable("--plot", options.plot_path);
   CheckWritable("--record", options.record_path);
+  CheckWritable("--timing", options.timing_path);
   return options;
 }
 

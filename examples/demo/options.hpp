@@ -29,6 +29,7 @@ struct DemoOptions {
   std::string plot_path;                 // empty: no plot
   std::string record_path;               // plant mode: the record of the tuned run; empty: none
   std::string replay_path;               // plant mode: a record to play into the arm instead
+  std::string timing_path;               // empty: no timing log
   bool help = false;
 
   double sample_time_s() const { return 1.0 / rate_hz; }

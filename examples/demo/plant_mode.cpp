@@ -11,6 +11,7 @@
 #include "demo/gnuplot.hpp"
 #include "demo/record_replay.hpp"
 #include "demo/replan_report.hpp"
+#include "demo/timing.hpp"
 #include "plant/experiment.hpp"
 
 namespace corvane::demo {
@@ -205,6 +206,13 @@ void RunPlantDemo(const DemoOptions& options) {
   PrintQualification(tuned.run.stream.qualification);
   if (!options.plot_path.empty()) WritePlantPlot(options.plot_path, experiment.unshaped(), tuned);
   if (!options.record_path.empty()) WriteRunRecord(options.record_path, tuned.run.stream);
+  if (!options.timing_path.empty()) {
+    const TimingRecord timing{tuned.run.stream.timing, 0};
+    WriteTimingCsv(options.timing_path, timing);
+    if (!options.plot_path.empty()) {
+      WriteTimingPlot(TimingPlotPath(options.plot_path), timing, LoggedPopLatencies(timing), {});
+    }
+  }
   PrintPlanChanges(experiment, trials, choice.kind, options.plot_path);
 }
 

@@ -21,6 +21,8 @@ namespace {
 
 constexpr auto kStallTimeout = std::chrono::seconds(5);
 constexpr std::size_t kPrefillWindows = 2;
+// Holds every window of a run: minutes of 10 ms windows.
+constexpr std::size_t kTimingLogWindows = 16384;
 
 // The planning half of the control loop: appends the planned blocks so that every solve sees a
 // reference that no later append changes (see lockstep.hpp).
@@ -116,6 +118,8 @@ LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
                                         static_cast<std::size_t>(shape.lookahead_samples), h, 0),
                                     stored, kPrefillWindows,
                                     static_cast<std::size_t>(shape.queue_windows));
+  auto timing = std::make_shared<cw::TimingLog>(kTimingLogWindows);
+  buffer.AttachTimingLog(timing);
   LockstepRun run;
   const BeforePop before_pop = make_planner(buffer, *stored, run);
   arm.Rest(rest_pose);
@@ -125,6 +129,7 @@ LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
   run.reference = buffer.ReferencePositions();
   run.qualification = buffer.Qualify(compute_fraction_limit);
   run.replacements = buffer.Replacements();
+  run.timing = timing->Read(0).entries;
   run.wall_time_s =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   return run;

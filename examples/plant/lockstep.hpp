@@ -19,6 +19,7 @@
 #include <window/async_buffer.hpp>
 #include <window/records.hpp>
 #include <window/reference_buffer.hpp>
+#include <window/timing_log.hpp>
 
 #include "plant/flexible_arm.hpp"
 #include "plant/residual_vibration.hpp"
@@ -50,7 +51,8 @@ struct LockstepRun {
   std::vector<SampleSpan> holds;            // samples of the reference the producer held
   std::vector<SampleSpan> moves;            // where each block's move lies in the reference
   control::window::QualificationReport qualification;
-  control::window::ReplacementTotals replacements;  // what the planner's replacements discarded
+  control::window::ReplacementTotals replacements;    // what the planner's replacements discarded
+  std::vector<control::window::WindowTiming> timing;  // every window's timing, in the order popped
   double wall_time_s = 0.0;  // [s] steady-clock time of the run, for its speed only
   // Every popped window, with when the loop popped it [s since it began popping].
   std::vector<control::io::RecordedWindow> popped;

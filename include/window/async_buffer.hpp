@@ -18,6 +18,7 @@
 #include "window/records.hpp"
 #include "window/reference_buffer.hpp"
 #include "window/replacement.hpp"
+#include "window/timing_log.hpp"
 #include "window/worker_settings.hpp"
 
 namespace corvane::control::window {
@@ -128,6 +129,11 @@ class CORVANE_EXPORT AsyncWindowBuffer {
   // Window count, total and largest compute time over the buffer's whole life, whatever the
   // statistics retention; a snapshot taken in constant time.
   ProductionTotals Totals() const;
+  // Records the timing of every window queued from now on into `log` (see TimingLog), and keeps
+  // a share of it. Must come before the first window is produced. Throws std::invalid_argument
+  // for a null log or one attached to a buffer already, and std::runtime_error after Start(),
+  // during or after a Prefill that produced a window, or when this buffer has a log already.
+  void AttachTimingLog(std::shared_ptr<TimingLog> log);
 
  private:
   friend class AppendableWindowBuffer;  // replaces queued windows through the state

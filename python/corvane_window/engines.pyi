@@ -1,6 +1,7 @@
 # Type stubs of the corvane_window.engines submodule.
 # Subclasses of the module's interfaces declare only what they add.
 import enum
+from typing import Optional, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -44,16 +45,26 @@ def ThreeHumpEiShaper(mode: VibrationMode,
 def DesignShaper(kind: ShaperKind, mode: VibrationMode,
                  vibration_tolerance: float = ...) -> ImpulseSequence: ...
 
+def MaximumDampingRatio(kind: ShaperKind,
+                        vibration_tolerance: float = ...) -> Optional[float]: ...
+
 def ResidualVibration(shaper: ImpulseSequence, mode: VibrationMode) -> float: ...
+def SampledResidualVibration(shaper: ImpulseSequence, mode: VibrationMode,
+                             sample_time_s: float) -> float: ...
+@overload
 def WorstVibration(shaper: ImpulseSequence, mode: VibrationMode,
                    frequency_uncertainty: float) -> float: ...
+@overload
+def WorstVibration(shaper: ImpulseSequence, mode: VibrationMode, frequency_uncertainty: float, *,
+                   sample_time_s: float) -> float: ...
 
 class RingingEstimate:
     mode: VibrationMode
     amplitude: float
     noise_rms: float
+    near_nyquist: bool
     def __init__(self, *, mode: VibrationMode = ..., amplitude: float = ...,
-                 noise_rms: float = ...) -> None: ...
+                 noise_rms: float = ..., near_nyquist: bool = ...) -> None: ...
 
 class ShaperChoice:
     kind: ShaperKind
@@ -64,8 +75,12 @@ class ShaperChoice:
                  duration_s: float = ..., worst_vibration: float = ...) -> None: ...
 
 def EstimateRinging(samples: ArrayLike, sample_rate_hz: float) -> RingingEstimate: ...
+@overload
 def ChooseShaper(mode: VibrationMode, frequency_uncertainty: float,
                  vibration_limit: float = ...) -> ShaperChoice: ...
+@overload
+def ChooseShaper(mode: VibrationMode, frequency_uncertainty: float, vibration_limit: float = ...,
+                 *, sample_time_s: float) -> ShaperChoice: ...
 
 def ShaperSamples(shaper: ImpulseSequence, sample_time_s: float) -> int: ...
 def ShapeSamples(reference: ArrayLike, sample_time_s: float,

@@ -7,8 +7,8 @@
 PYBIND11_MODULE(corvane_window, module) {
   module.doc() =
       "Python bindings of libcorvane_shaper_window: window records and their validators, the "
-      "producers, the appendable reference buffer and the asynchronous window buffers; the "
-      "submodule engines holds the engines companion library.\n\n"
+      "producers, the appendable reference buffer, the asynchronous window buffers and their "
+      "timing log; the submodule engines holds the engines companion library.\n\n"
       "Names are the library's. Record arrays are numpy float64 arrays (sample matrices of shape "
       "(rows, joints), C-contiguous; a 1-D array of J numbers is one sample of J joints); reading "
       "an array field returns a read-only view that keeps its record alive, and assigning one "
@@ -27,6 +27,7 @@ PYBIND11_MODULE(corvane_window, module) {
   corvane::python::BindProducers(module);
   corvane::python::BindBuffers(module);
   corvane::python::BindWorkerSettings(module);
+  corvane::python::BindTimingLog(module);
   corvane::python::BindReplacement(module);
   corvane::python::BindEngines(module);
   corvane::python::BindIo(module);

@@ -28,6 +28,8 @@ void BindProducers(py::module_& module);
 void BindBuffers(py::module_& module);
 // WorkerPolicy, WorkerSettings and the buffers' Start(settings); after BindBuffers.
 void BindWorkerSettings(py::module_& module);
+// TimingLog, TimingRead, TimingCounters and the buffers' AttachTimingLog; after BindBuffers.
+void BindTimingLog(py::module_& module);
 // The records of the replacement of the unplayed reference and the streaming buffers' replacement
 // calls; after BindBuffers.
 void BindReplacement(py::module_& module);

@@ -123,6 +123,7 @@ std::optional<WindowPayload> AsyncWindowBuffer::Pop(
   if (!state.WaitForWindow(lock, timeout)) return std::nullopt;
   std::optional<WindowPayload> window(std::move(state.queue.front()));
   state.queue.pop_front();
+  if (state.timing) state.RecordPopTiming();
   lock.unlock();
   state.cv.notify_all();  // a worker may be waiting for room
   return window;
@@ -139,6 +140,7 @@ bool AsyncWindowBuffer::PopInto(WindowPayload& window,
   if (!state.WaitForWindow(lock, timeout)) return false;
   std::swap(window, state.queue.front());
   state.queue.pop_front();
+  if (state.timing) state.RecordPopTiming();
   const bool wake = state.WorkerNeedsWake();
   lock.unlock();
   if (wake) state.cv.notify_all();

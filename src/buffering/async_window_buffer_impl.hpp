@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "buffering/timing_log_impl.hpp"
 #include "buffering/window_replacement.hpp"
 #include "buffering/window_ring.hpp"
 #include "buffering/window_statistics.hpp"
@@ -43,6 +44,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   std::exception_ptr failure;                     // what ended the worker, rethrown by Pop
   std::optional<std::string> last_error;          // its text
   WindowStatistics statistics;                    // compute time and duration per produced window
+  std::shared_ptr<TimingLog> timing;              // the attached timing log; null without one
   bool worker_waits_for_room = false;             // the worker sleeps in its wait for room
   bool ready_raised = false;                      // the producer signalled a window may be ready
   std::unique_ptr<ReplacementState> replacement;  // null unless the producer can resume
@@ -52,6 +54,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   ReadySignallingProducer* ready_source = nullptr;  // the producer's signal, when it has one
   RecyclingWindowProducer* recycling = nullptr;     // the producer writes into given storage
   WindowPayload spare;                              // storage for the next window to produce
+  WindowProduction production;                      // the last produced window's timing
   // The idle sleeps of a waiting worker whose producer has no ready signal: from the first, each
   // twice the last, up to the longest.
   static constexpr std::chrono::nanoseconds kFirstIdleSleep = std::chrono::microseconds(50);
@@ -92,6 +95,11 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   std::optional<WindowPayload> ProduceWindow();
   void QueueWindow(WindowPayload&& window);
 
+  // The timing log's hooks, with the lock held and a log attached: the window just queued (the
+  // last produced), and the one just popped from the front.
+  void RecordQueueTiming(std::chrono::steady_clock::time_point queued_at);
+  void RecordPopTiming();
+
   // The replacement of the unplayed reference (window_replacement.cpp). Replace() runs on the
   // caller's thread; `samples` null means holding the last command for hold_samples samples from
   // the earliest index, which an absent start_index asks for.
@@ -100,11 +108,10 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
                                std::optional<std::size_t> start_index, const SampleMatrix* samples,
                                std::size_t hold_samples, bool finish);
   // Steps of the producing thread: the exhaustion test, which a pending replacement overrules;
-  // the resumption before a window; the note of what it was charged; and the queueing of a
-  // window, stamped with its plan, unless a replacement has made it stale.
+  // the resumption before a window; and the queueing of a window, stamped with its plan, unless a
+  // replacement has made it stale.
   bool ProducerExhausted();
   void ResumeIfReplaced();
-  void NoteCharged(double charged_s, double duration_s);
   void QueueUnlessReplaced(WindowPayload& window);
 
  private:
@@ -120,7 +127,8 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   void ConnectProducerExtensions();
   void DisconnectReadySignal() noexcept;
   // Validates a produced window and records its statistics.
-  void Charge(const WindowPayload& window, double measured_s);
+  void Charge(const WindowPayload& window, std::chrono::steady_clock::time_point t0,
+              std::chrono::steady_clock::time_point t1);
   void RecordStatistics(double charged_s, double duration_s);
   void CaptureFailure() noexcept;
   void MarkFinished() noexcept;

@@ -182,11 +182,6 @@ void AsyncWindowBuffer::Impl::ResumeIfReplaced() {
   replacement->producer.Resume(pending->start_index, pending->previous_command);
 }
 
-void AsyncWindowBuffer::Impl::NoteCharged(double charged_s, double duration_s) {
-  replacement->last_charged_s = charged_s;
-  replacement->last_duration_s = duration_s;
-}
-
 // The plan is stamped and what the join point needs is allocated before the lock is taken, and
 // what pruning drops is freed after it has been released. A window produced for a plan that has
 // moved on is discarded; one queued leaves `window` with the slot's old storage, as QueueWindow.
@@ -196,20 +191,23 @@ void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload& window) {
     window.metadata[kReplacementsMetadataKey] = std::to_string(state.adopted_plan);
   }
   std::list<JoinPoint> join;
-  join.push_back(
-      JoinPoint{window.stop_index, LastRow(window), state.last_charged_s, state.last_duration_s});
+  join.push_back(JoinPoint{window.stop_index, LastRow(window), production.compute_time_s,
+                           production.duration_s});
+  const auto queued_at =
+      timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   std::list<JoinPoint> dropped;
   {
     auto lock = Lock();
     cv.wait(lock, [&state, this] { return !state.fenced || stop_requested; });
     if (state.fenced || state.adopted_plan != state.plan) {
       ++state.totals.discarded_windows;
-      state.totals.discarded_compute_time_s += state.last_charged_s;
-      state.totals.discarded_duration_s += state.last_duration_s;
+      state.totals.discarded_compute_time_s += production.compute_time_s;
+      state.totals.discarded_duration_s += production.duration_s;
       return;
     }
     state.produced_stop = window.stop_index;
     queue.PushSwap(window);
+    if (timing) RecordQueueTiming(queued_at);
     state.joins.splice(state.joins.end(), join);
     PruneJoins(state, state.Earliest(queue), dropped);
   }

@@ -54,8 +54,6 @@ struct CORVANE_HIDDEN ReplacementState {
 
   // Used only by the thread that produces (Prefill before Start, then the worker).
   std::size_t adopted_plan = 0;  // the plan the producer works to
-  double last_charged_s = 0.0;   // [s] compute time charged to the window just produced
-  double last_duration_s = 0.0;  // [s] its duration
 
   // The earliest index a replacement may start at: the end of the last window handed out.
   std::size_t Earliest(WindowRing& queue) const {

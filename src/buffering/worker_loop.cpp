@@ -2,8 +2,8 @@
 // worker shares with Prefill.
 //
 // No producer call and no validation ever happens under the lock; every lock scope here is a
-// flag test, one queue operation or two statistics appends, and every notification follows the
-// unlock.
+// flag test, one queue operation (with a timing log, and the window's entry) or two statistics
+// appends, and every notification follows the unlock.
 #include <algorithm>
 #include <exception>
 #include <optional>
@@ -140,15 +140,22 @@ void AsyncWindowBuffer::Impl::IdleUntilReady() {
   ready_raised = false;
 }
 
-// Drains the producer's final windows. They are validated and queued but neither timed nor
-// recorded. A stopped producer is never finalised: the first test ends the phase.
+// Drains the producer's final windows. They are validated and queued but neither charged nor
+// recorded in the statistics; only a timing log gets their measured Finalize() time. A stopped
+// producer is never finalised: the first test ends the phase.
 void AsyncWindowBuffer::Impl::RunTailPhase() {
   while (true) {
     if (StopRequested()) return;
     if (!WaitForRoom()) return;
+    const auto t0 = std::chrono::steady_clock::now();
     std::optional<WindowPayload> window = producer->Finalize();
+    const auto t1 = std::chrono::steady_clock::now();
     if (!window) return;
     ValidateWindowPayload(*window);
+    if (timing) {
+      production = {window->start_index, window->stop_index, t0, SecondsBetween(t0, t1),
+                    WindowDurationSeconds(*window)};
+    }
     QueueWindow(std::move(*window));
   }
 }
@@ -180,7 +187,7 @@ std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
   std::optional<WindowPayload> window = producer->ProduceNext();
   const auto t1 = std::chrono::steady_clock::now();
   if (!window) return std::nullopt;  // nothing ready: nothing recorded
-  Charge(*window, SecondsBetween(t0, t1));
+  Charge(*window, t0, t1);
   return window;
 }
 
@@ -197,16 +204,18 @@ bool AsyncWindowBuffer::Impl::ProduceIntoSpare() {
     produced = true;
   }
   const auto t1 = std::chrono::steady_clock::now();
-  if (produced) Charge(spare, SecondsBetween(t0, t1));
+  if (produced) Charge(spare, t0, t1);
   return produced;
 }
 
-void AsyncWindowBuffer::Impl::Charge(const WindowPayload& window, double measured_s) {
+void AsyncWindowBuffer::Impl::Charge(const WindowPayload& window,
+                                     std::chrono::steady_clock::time_point t0,
+                                     std::chrono::steady_clock::time_point t1) {
   ValidateWindowPayload(window);
-  const double charged_s = std::max(measured_s, window.compute_time_s);
+  const double charged_s = std::max(SecondsBetween(t0, t1), window.compute_time_s);
   const double duration_s = WindowDurationSeconds(window);
   RecordStatistics(charged_s, duration_s);
-  if (replacement) NoteCharged(charged_s, duration_s);
+  production = {window.start_index, window.stop_index, t0, charged_s, duration_s};
 }
 
 // One entry for both figures, in one lock scope. What the entry needs allocated is allocated
@@ -218,15 +227,19 @@ void AsyncWindowBuffer::Impl::RecordStatistics(double charged_s, double duration
 }
 
 // The queueing step: the window is moved, never copied, to the back of the queue, and `window` is
-// left holding the storage of whatever window that slot held last, for the worker to reuse.
+// left holding the storage of whatever window that slot held last, for the worker to reuse. With
+// a timing log, the window's entry is written in the same lock scope, so a pop always finds it.
 void AsyncWindowBuffer::Impl::QueueWindow(WindowPayload&& window) {
   if (replacement) {
     QueueUnlessReplaced(window);
     return;
   }
+  const auto queued_at =
+      timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   {
     auto lock = Lock();
     queue.PushSwap(window);
+    if (timing) RecordQueueTiming(queued_at);
   }
   cv.notify_all();
 }

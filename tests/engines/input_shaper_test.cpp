@@ -3,12 +3,17 @@
 #include <cmath>
 #include <complex>
 #include <cstddef>
+#include <functional>
 #include <limits>
+#include <memory>
 #include <numeric>
 #include <stdexcept>
 #include <vector>
 
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
+#include <corvane_shaper_engines/ringing_tuning.hpp>
 #include <corvane_shaper_engines/shaper_designs.hpp>
+#include <corvane_shaper_engines/shaping_solve_session.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -102,6 +107,71 @@ TEST(InputShaperTest, DesignsRefuseBadInputNamingTheArgument) {
   EXPECT_THROW(ThreeHumpEiShaper({2.0, 0.3}, 0.3), std::domain_error);  // no such design
 }
 
+// Designs that exist and that a continuation in steps of 0.02 without step control lost, in an
+// uneven pattern; each now has its design property, and the band choice no longer skips one.
+TEST(InputShaperTest, ContinuationFindsEveryExtraInsensitiveDesignThatExists) {
+  const struct {
+    ShaperKind kind;
+    double z, v, at_design;
+  } cases[] = {{ShaperKind::kEi, 0.015, 0.001, 1},        {ShaperKind::kEi, 0.02, 0.001, 1},
+               {ShaperKind::kEi, 0.025, 0.001, 1},        {ShaperKind::kThreeHumpEi, 0.11, 0.2, 1},
+               {ShaperKind::kThreeHumpEi, 0.115, 0.2, 1}, {ShaperKind::kTwoHumpEi, 0.175, 0.2, 0},
+               {ShaperKind::kTwoHumpEi, 0.185, 0.2, 0},   {ShaperKind::kTwoHumpEi, 0.195, 0.2, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << ShaperName(c.kind) << " z " << c.z << " V " << c.v);
+    const ImpulseSequence shaper = DesignShaper(c.kind, {1.0, c.z}, c.v);
+    for (const double a : shaper.amplitudes) EXPECT_GT(a, 0.0);
+    EXPECT_NEAR(ClosedFormVibration(shaper, 1.0, c.z), c.at_design * c.v, 1e-10);
+  }
+  for (const double z : {0.105, 0.11, 0.115}) {
+    EXPECT_EQ(ChooseShaper({10.0, z}, 0.65, 0.2).kind, ShaperKind::kThreeHumpEi) << z;
+  }
+}
+
+// Inputs once accepted into nonsense (an impulse at time inf, NaN, an integer overflow, a step
+// shaped to twice its height, NaN positions) are refused, naming what is at fault.
+TEST(InputShaperTest, InputsThatGaveNonsenseAreRefusedByName) {
+  const auto session = [](cw::SampleMatrix positions) {
+    ShapingSolveSession stage(std::make_unique<LiftedMpcSolver>(kSampleTimeS, 10), {{1.0}, {0.0}},
+                              kSampleTimeS);
+    stage.Prepare();
+    cw::WindowSlice request;
+    request.positions = std::move(positions);
+    request.stop_index = 10;
+    request.metadata = {{"apply_samples", "1"}};
+    stage.Solve(request);
+  };
+  const cw::SampleMatrix nan = cw::SampleMatrix::Constant(10, 1, std::nan(""));
+  const struct {
+    std::function<void()> call;
+    const char* names;
+  } cases[] = {{[] {
+                  ZvShaper({1e-310, 0.0});
+                },
+                "natural_frequency_hz"},
+               {[] {
+                  ResidualVibration(ZvShaper({1.0, 0.0}), {1e308, 0.0});
+                },
+                "natural_frequency_hz"},
+               {[] {
+                  ShaperSamples({{0.5, 0.5}, {0.0, 1e10}}, 1e-10);
+                },
+                "sample_time_s"},
+               {[] {
+                  ShapeSamples(cw::SampleMatrix::Ones(5, 1), 1.0, {{1, 1}, {0, 1}});
+                },
+                "sum to 1"},
+               {[&] { session(nan); }, "finite"},
+               {[&] { session(cw::SampleMatrix(10, 0)); }, "one joint"},
+               {[] {
+                  LiftedMpcSolver(kSampleTimeS, 10, {HUGE_VAL, 0.0});
+                },
+                "LiftedMpcWeights"}};
+  for (const auto& c : cases) {
+    EXPECT_THAT(c.call, testing::ThrowsMessage<std::invalid_argument>(testing::HasSubstr(c.names)));
+  }
+}
+
 // A 1 rad quintic move of 0.15 s, then 0.05 s at rest.
 cw::SampleMatrix QuinticMove() {
   const Eigen::ArrayXd s = (Eigen::ArrayXd::LinSpaced(200, 0.0, 199.0) / 150.0).min(1.0);
@@ -156,6 +226,24 @@ TEST(InputShaperTest, ShapedCommandLeavesTheClosedFormShareOfTheVibration) {
                 ResidualVibration(design, mode), 1e-3)
         << ShaperName(kind);
   }
+}
+
+// A step shaped at 1 kHz and held over each sample leaves on an undamped mode what the sampled
+// closed form says: near the Nyquist frequency the interpolated delays no longer cancel, and a
+// ZV for 150 Hz leaves several percent where the continuous closed form says 0.
+TEST(InputShaperTest, SampledVibrationIsWhatTheInterpolatedShaperLeaves) {
+  cw::SampleMatrix step = cw::SampleMatrix::Ones(100, 1);
+  step.topRows(10).setZero();
+  for (const double f : {40.0, 150.0, 310.0}) {
+    const VibrationMode mode{f, 0.0};
+    for (const ImpulseSequence& shaper : {ZvShaper(mode), EiShaper(mode)}) {
+      EXPECT_NEAR(PlantVibration(ShapeSamples(step, kSampleTimeS, shaper), mode) /
+                      PlantVibration(step, mode),
+                  SampledResidualVibration(shaper, mode, kSampleTimeS), 1e-9)
+          << f;
+    }
+  }
+  EXPECT_GT(SampledResidualVibration(ZvShaper({150, 0}), {150, 0}, kSampleTimeS), 0.04);
 }
 
 // ZV at 4 Hz, undamped: half of the move now, half 125 ms later; windows of 7, the last of 3.

@@ -61,11 +61,25 @@ TAKEN = "This LiftedMpcSolver belongs to a buffer or producer; only its owner ma
     (lambda: shaping(taken_solver()), RuntimeError, TAKEN),
     (lambda: taken_solver().Solve(REQUEST), RuntimeError, TAKEN),
     (lambda: shaping(FailingSolver()).Solve(REQUEST), LookupError, "no gains."),
+    (lambda: engines.ChooseShaper(engines.VibrationMode(natural_frequency_hz=450.0), 0.2,
+                                  sample_time_s=H), ValueError,
+     "The mode's band reaches the Nyquist frequency of sample_time_s: no shaper applied at that "
+     "period can shape it."),
 ])
 def test_errors_keep_class_and_message(call, error, message):
     with pytest.raises(Exception) as raised:
         call()
     assert type(raised.value) is error and str(raised.value) == message
+
+
+def test_the_sampled_choice_is_judged_as_sampled_and_designs_end_where_the_query_says():
+    choice = engines.ChooseShaper(MODE, 0.2, sample_time_s=H)
+    assert engines.WorstVibration(choice.shaper, MODE, 0.2, sample_time_s=H) == choice.worst_vibration
+    assert engines.MaximumDampingRatio(engines.ShaperKind.kZv) == 1.0
+    end = engines.MaximumDampingRatio(kind=engines.ShaperKind.kEi, vibration_tolerance=0.2)
+    with pytest.raises(ValueError, match="No EI shaper exists"):
+        engines.EiShaper(engines.VibrationMode(natural_frequency_hz=1.0, damping_ratio=end + 1e-5),
+                         0.2)
 
 
 def test_every_kind_maps_to_its_design():

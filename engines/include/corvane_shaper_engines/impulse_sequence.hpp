@@ -32,11 +32,13 @@ struct ImpulseSequence {
 //   V = exp(-z w tn) sqrt(C^2 + S^2),  C = sum A_i exp(z w t_i) cos(wd t_i),  S = the same with
 //   sin.
 // Throws std::invalid_argument for a malformed shaper (see ValidateImpulseSequence) or a mode
-// whose frequency is not finite and positive or whose damping ratio lies outside [0, 1).
+// whose frequency is not finite and positive or whose damping ratio lies outside [0, 1), or so
+// high that its phase over the shaper's duration overflows (natural_frequency_hz).
 CORVANE_EXPORT double ResidualVibration(const ImpulseSequence& shaper, const VibrationMode& mode);
 
 // Throws std::invalid_argument naming the fault unless the shaper has at least one impulse, one
-// time per amplitude, finite amplitudes and times from 0 upwards.
+// time per amplitude, finite amplitudes summing to 1 (within 1e-9 of the sum of their magnitudes)
+// and times from 0 upwards.
 CORVANE_EXPORT void ValidateImpulseSequence(const ImpulseSequence& shaper);
 
 // Throws std::invalid_argument naming the argument unless the frequency is finite and positive
@@ -46,8 +48,19 @@ CORVANE_EXPORT void ValidateVibrationMode(const VibrationMode& mode);
 // The whole samples by which the shaper lengthens a motion sampled sample_time_s [s] apart: its
 // duration in periods, rounded up. Append that many copies of a reference's last sample before
 // finishing it, and the shaped motion comes to rest on it. Throws std::invalid_argument for a
-// malformed shaper or a period that is not finite and positive.
+// malformed shaper, a period that is not finite and positive, or one so short that the shaper
+// spans 2^53 samples or more (sample_time_s).
 CORVANE_EXPORT Eigen::Index ShaperSamples(const ImpulseSequence& shaper, double sample_time_s);
+
+// The residual vibration [-] that the shaper leaves on `mode` as it is applied to a reference
+// sampled sample_time_s [s] apart: each impulse between samples is read by linear interpolation,
+// i.e. split into two impulses on the neighbouring samples (see ShapeSamples), so the shaping
+// acts as the impulse train of those whole-sample taps, whose closed-form vibration this is.
+// Close to the Nyquist frequency (1 / (2 sample_time_s)) it departs far from
+// ResidualVibration(): at 1 kHz a ZV shaper leaves 0.4 % at 40 Hz, and several percent above
+// 100 Hz. Throws as ResidualVibration() and ShaperSamples() do.
+CORVANE_EXPORT double SampledResidualVibration(const ImpulseSequence& shaper,
+                                               const VibrationMode& mode, double sample_time_s);
 
 // Offline shaping: row k of the result is the sum over i of amplitudes[i] times the reference at
 // k - times_s[i] / sample_time_s samples, interpolated linearly between samples, with the

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 
 #include <Eigen/Core>
@@ -12,6 +13,9 @@
 #include "corvane_shaper_engines/impulse_sequence.hpp"
 
 namespace corvane::control::engines {
+
+// The shaper as a filter on sampled references, internal to the library.
+class ShapingTaps;
 
 // Shapes a trajectory with an impulse sequence and hands it out window by window. Before its
 // first sample the trajectory is taken to rest on that sample, after its last on the last one;
@@ -47,6 +51,7 @@ class CORVANE_EXPORT InputShaper final : public control::window::TrajectoryWindo
   control::window::SampleMatrix trajectory_;
   double sample_time_s_;
   ImpulseSequence shaper_;
+  std::shared_ptr<const ShapingTaps> taps_;  // the shaper as a filter, built once
   Eigen::Index window_samples_;
   Eigen::Index shaped_samples_;
   Eigen::Index cursor_ = 0;  // first sample of the next window

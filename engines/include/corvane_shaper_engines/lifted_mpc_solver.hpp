@@ -46,7 +46,8 @@ class CORVANE_EXPORT LiftedMpcSolver final : public control::window::RecyclingLi
   // horizon_samples: the rows that requests are expected to have (the producer's lookahead);
   // their gains are computed by Prepare(), away from the timed solves. Requests of any other
   // length get theirs when they first come.
-  // Throws std::invalid_argument for a bad period, a horizon below 1 or a negative weight.
+  // Throws std::invalid_argument for a bad period, a horizon below 1 or a negative or infinite
+  // weight.
   LiftedMpcSolver(double sample_time_s, Eigen::Index horizon_samples,
                   LiftedMpcWeights weights = {});
 
@@ -56,7 +57,8 @@ class CORVANE_EXPORT LiftedMpcSolver final : public control::window::RecyclingLi
   // Solves one request and applies its first "apply_samples" rows, which it returns with
   // positions, velocities, accelerations and times (request row k at (start_index + k) periods)
   // over the range [0, apply_samples). Throws std::invalid_argument when "apply_samples" is
-  // missing, not a count from 1 to the request's rows, or the joint count changes.
+  // missing, not a count from 1 to the request's rows, when the positions are not finite
+  // samples of at least one joint, or when the joint count changes.
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
   // Solve(request), written into `window`: positions, velocities, accelerations, times, range and
   // compute time; its metadata is left as it is. Throws as Solve does.

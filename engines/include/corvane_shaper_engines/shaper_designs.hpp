@@ -6,6 +6,8 @@
 // tolerance there and at most that tolerance across a wider band of frequencies.
 #pragma once
 
+#include <optional>
+
 #include <native/export.hpp>
 
 #include "corvane_shaper_engines/impulse_sequence.hpp"
@@ -56,6 +58,18 @@ TwoHumpEiShaper(const VibrationMode& mode, double vibration_tolerance = kDefault
 // middle one at the design frequency, separated and bounded by zeros.
 CORVANE_EXPORT ImpulseSequence ThreeHumpEiShaper(
     const VibrationMode& mode, double vibration_tolerance = kDefaultVibrationTolerance);
+
+// Where the designs of `kind` stop existing as the damping ratio grows: the largest damping ratio
+// [-] up to which a design with vibration_tolerance [-] exists, found by following the design
+// from the undamped one in adaptive steps until they fall under 1e-7 (an amplitude reaching 0,
+// impulses meeting, a hump above the tolerance or no solution); 1 for the zero-vibration kinds and
+// for a design that lasts up to 0.999, and nothing when not even the undamped design is found.
+// Every damping ratio from 0 up to it has a design; the EI designs above throw
+// std::domain_error beyond it. Tolerances below about 1e-5 put the zeros closer to the design
+// frequency than the designs resolve, and may end them early (ZVD is what EI tends to as the
+// tolerance goes to 0). Throws std::invalid_argument naming vibration_tolerance outside (0, 1).
+CORVANE_EXPORT std::optional<double> MaximumDampingRatio(
+    ShaperKind kind, double vibration_tolerance = kDefaultVibrationTolerance);
 
 // The design of the given kind; the zero-vibration kinds ignore vibration_tolerance but still
 // check it. Throws as the design does.

@@ -13,6 +13,9 @@
 
 namespace corvane::control::engines {
 
+// The shaper as a filter on sampled references, internal to the library.
+class ShapingTaps;
+
 // A solver session that shapes each request's reference with an input shaper before handing it
 // to the solver it wraps. The shaping is causal and keeps the reference history it needs across
 // requests, so a shaper longer than a window is no trouble: the first "apply_samples" rows of
@@ -38,9 +41,10 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   // Shapes the request's positions and solves the shaped request (the request's range and
   // metadata, no velocities or accelerations) with the wrapped solver, whose answer comes back
   // unchanged. Throws std::invalid_argument when "apply_samples" is not a count from 1 to the
-  // request rows, when the request does not start where the history ends (or where the previous
-  // request started), or when the joint count changes. The wrapped solver's exceptions pass
-  // through, and a failed solve keeps no history.
+  // request rows, when the positions are not finite samples of at least one joint, when the request
+  // does not start where the history ends (or where the previous request started), or when the
+  // joint count changes. The wrapped solver's exceptions pass through, and a failed solve keeps no
+  // history.
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
   // Finalizes the wrapped solver.
   void Finalize() override;
@@ -69,6 +73,7 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   std::unique_ptr<control::window::LiftedMpcSolveSession> solver_;
   ImpulseSequence shaper_;
   double sample_time_s_;
+  std::shared_ptr<const ShapingTaps> taps_;  // the shaper as a filter, built once
   Eigen::Index history_rows_ = 0;
   bool started_ = false;                   // a request has been solved since Prepare()
   control::window::SampleMatrix history_;  // reference rows [history_start_, history_stop_)

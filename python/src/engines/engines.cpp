@@ -22,6 +22,7 @@ void BindEngines(py::module_& module) {
   BindTuning(engines);
   BindShaping(engines);
   BindLiftedMpc(engines);
+  BindSampling(engines);
 }
 
 }  // namespace corvane::python

@@ -25,6 +25,9 @@ void BindTuning(py::module_& engines);
 void BindShaping(py::module_& engines);
 // LiftedMpcWeights and LiftedMpcSolver.
 void BindLiftedMpc(py::module_& engines);
+// MaximumDampingRatio, SampledResidualVibration, and WorstVibration and ChooseShaper at a sample
+// period (overloads of those bound before).
+void BindSampling(py::module_& engines);
 
 // `function` as Python calls it: with the GIL released while it computes, its arguments
 // converted before and its result after.

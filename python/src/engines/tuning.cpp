@@ -16,7 +16,10 @@ void BindTuningRecords(py::module_& engines) {
       .Field("amplitude", &ce::RingingEstimate::amplitude,
              "[unit of the samples] Of the ringing at the first sample.")
       .Field("noise_rms", &ce::RingingEstimate::noise_rms,
-             "[unit of the samples] Of what the fitted ringing leaves.");
+             "[unit of the samples] Of what the fitted ringing leaves.")
+      .Field("near_nyquist", &ce::RingingEstimate::near_nyquist,
+             "Above a quarter of the sample rate: the mode may be the alias of one above the "
+             "Nyquist frequency, and is coarse to shape at this rate.");
   RecordClass<ce::ShaperChoice>(engines, "ShaperChoice",
                                 "A shaper chosen for a mode whose frequency is known only within "
                                 "a band.")
@@ -46,15 +49,18 @@ void BindTuning(py::module_& engines) {
       "the strongest spectral line. Raises TypeError when samples holds no numbers and "
       "ValueError, saying which, for any other shape, a bad rate, a recording too short, "
       "samples that are not finite or a recording with no ringing.");
-  engines.def("ChooseShaper", WithoutGilCall(&ce::ChooseShaper), py::arg("mode"),
-              py::arg("frequency_uncertainty"),
-              py::arg("vibration_limit") = ce::kDefaultVibrationTolerance,
-              "The shortest shaper of the family whose residual vibration stays at or below "
-              "vibration_limit for every natural frequency within frequency_uncertainty (0.2 "
-              "for +-20 %) of the mode's; the EI family is designed with vibration_limit as its "
-              "tolerance. Of equally long shapers, the one with the smaller worst case. Raises "
-              "ValueError naming the argument at fault, or saying that no shaper of the family "
-              "meets the band.");
+  engines.def(
+      "ChooseShaper",
+      WithoutGilCall(static_cast<ce::ShaperChoice (*)(const ce::VibrationMode&, double, double)>(
+          &ce::ChooseShaper)),
+      py::arg("mode"), py::arg("frequency_uncertainty"),
+      py::arg("vibration_limit") = ce::kDefaultVibrationTolerance,
+      "The shortest shaper of the family whose residual vibration stays at or below "
+      "vibration_limit for every natural frequency within frequency_uncertainty (0.2 "
+      "for +-20 %) of the mode's; the EI family is designed with vibration_limit as its "
+      "tolerance. Of equally long shapers, the one with the smaller worst case. Raises "
+      "ValueError naming the argument at fault, or saying that no shaper of the family "
+      "meets the band.");
 }
 
 }  // namespace corvane::python
