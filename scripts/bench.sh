@@ -2,6 +2,8 @@
 # Builds the benchmarks in release mode and runs each one; every benchmark program ends with its
 # figures as ratios against a baseline measured in the same run. Arguments go to every C++ program
 # (e.g. --benchmark_filter=Qualify). Last, the cost of the worker calling a Python solver.
+# replacement_bench runs its fixed-rate loop for 100 replacements; for the full 1,000, run
+# build-bench/bench/replacement_bench --replacements=1000 after this script.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh

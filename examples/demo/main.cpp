@@ -6,6 +6,7 @@
 #include "demo/modes.hpp"
 #include "demo/options.hpp"
 #include "demo/plant_mode.hpp"
+#include "demo/poses_mode.hpp"
 #include "demo/record_replay.hpp"
 #include "demo/report.hpp"
 #include "demo/timing.hpp"
@@ -31,6 +32,10 @@ int main(int argc, char** argv) {
       } else {
         demo::RunReplayDemo(options);
       }
+      return 0;
+    }
+    if (options.mode == demo::Mode::kPoses) {
+      demo::RunPosesDemo(options);
       return 0;
     }
     demo::PrintHeader(options);

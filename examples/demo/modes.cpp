@@ -137,6 +137,7 @@ DemoRun RunMode(const DemoOptions& options, const cw::SampleMatrix& reference) {
     case Mode::kReplay:
       return RunReplay(options, reference);
     case Mode::kPlant:  // RunPlantDemo() runs it
+    case Mode::kPoses:  // RunPosesDemo() runs it
       break;
   }
   return {};

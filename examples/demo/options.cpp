@@ -17,9 +17,11 @@ const char kUsage[] =
     "unshaped and shaped, and prints the vibration they leave against theory (plant mode;\n"
     "it takes only --plot, --record, --replay and --timing). The other modes play a 6-joint\n"
     "arm's moves in real time.\n"
-    "  --mode plant|mpc|shaper|replay\n"
+    "  --mode plant|mpc|shaper|replay|poses\n"
     "                            the simulated arm (default); lifted MPC over a streamed\n"
-    "                            reference, input shaping, or replay of precomputed windows\n"
+    "                            reference, input shaping, or replay of precomputed windows;\n"
+    "                            poses: the arm on a compliant shoulder, whose mode moves with\n"
+    "                            its pose, shaped by pose (takes only --plot)\n"
     "  --joints N                joints, 1 to 64 (default 6)\n"
     "  --rate HZ                 sample rate, up to 100000 (default 1000)\n"
     "  --apply N                 samples per window, up to 1000 (default 10)\n"
@@ -29,7 +31,9 @@ const char kUsage[] =
     "  --shape                   MPC mode: shape the streamed reference online (EI shaper)\n"
     "  --csv FILE                write time, reference and command per joint\n"
     "  --plot FILE.png           draw reference against command per joint; in plant mode the\n"
-    "                            payload deflection and the command per joint (needs gnuplot)\n"
+    "                            payload deflection and the command per joint, and in\n"
+    "                            FILE_replan.png the plans changed while the arm moves\n"
+    "                            (needs gnuplot)\n"
     "  --record FILE             plant mode: save the popped windows of the tuned shaped run\n"
     "                            (with --replay: of the replayed run)\n"
     "  --replay FILE             plant mode: play a saved record into the arm instead\n"
@@ -61,10 +65,10 @@ double ParsePositive(const std::string& option, const std::string& text, double 
 }
 
 Mode ParseMode(const std::string& text) {
-  for (const Mode mode : {Mode::kPlant, Mode::kMpc, Mode::kShaper, Mode::kReplay}) {
+  for (const Mode mode : {Mode::kPlant, Mode::kMpc, Mode::kShaper, Mode::kReplay, Mode::kPoses}) {
     if (text == ModeName(mode)) return mode;
   }
-  throw UsageError("--mode needs plant, mpc, shaper or replay, not '" + text + "'.");
+  throw UsageError("--mode needs plant, mpc, shaper, replay or poses, not '" + text + "'.");
 }
 
 // Throws UsageError unless `path` can be written: a file is opened for appending (and removed
@@ -92,6 +96,8 @@ const char* ModeName(Mode mode) {
       return "shaper";
     case Mode::kReplay:
       return "replay";
+    case Mode::kPoses:
+      return "poses";
   }
   return "?";
 }

@@ -14,6 +14,7 @@ enum class Mode {
   kMpc,     // lifted-MPC solver over a reference streamed by a planner thread
   kShaper,  // input shaper over the whole reference
   kReplay,  // the reference itself, cut into precomputed windows
+  kPoses,   // the simulated arm on a compliant shoulder, moved at poses over its workspace
 };
 
 struct DemoOptions {

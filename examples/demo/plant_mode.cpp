@@ -10,6 +10,7 @@
 
 #include "demo/gnuplot.hpp"
 #include "demo/record_replay.hpp"
+#include "demo/replan_report.hpp"
 #include "demo/timing.hpp"
 #include "plant/experiment.hpp"
 
@@ -212,6 +213,7 @@ void RunPlantDemo(const DemoOptions& options) {
       WriteTimingPlot(TimingPlotPath(options.plot_path), timing, LoggedPopLatencies(timing), {});
     }
   }
+  PrintPlanChanges(experiment, trials, choice.kind, options.plot_path);
 }
 
 }  // namespace corvane::demo

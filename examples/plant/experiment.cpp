@@ -26,35 +26,8 @@ constexpr double kRingingS = 1.0;         // [s] free ringing recorded for the m
 
 Eigen::Index Samples(double seconds) { return std::lround(seconds / kSampleTimeS); }
 
-Eigen::RowVectorXd Pose(Eigen::Index index) {
-  const double mirror = index % 2 == 0 ? 1.0 : -1.0;
-  Eigen::RowVectorXd pose(kArmJoints);
-  pose << kShoulders[static_cast<std::size_t>(index) % std::size(kShoulders)], mirror * kElbow,
-      mirror * kWrist;
-  return pose;
-}
-
-// Share of a move done at time share s of it, for a trapezoidal velocity: constant acceleration
-// over the first third, constant speed, constant deceleration over the last third.
-double Trapezoid(double s) {
-  if (s < 1.0 / 3.0) return 2.25 * s * s;
-  if (s < 2.0 / 3.0) return 0.25 + 1.5 * (s - 1.0 / 3.0);
-  return 1.0 - 2.25 * (1.0 - s) * (1.0 - s);
-}
-
 PlannedBlock MoveBlock(Eigen::Index index) {
-  const Eigen::Index lead_in = Samples(kLeadInS);
-  const Eigen::Index move = Samples(kMoveS);
-  const Eigen::RowVectorXd from = Pose(index);
-  const Eigen::RowVectorXd to = Pose(index + 1);
-  PlannedBlock block;
-  block.positions.resize(lead_in + move + Samples(kRestS), kArmJoints);
-  for (Eigen::Index k = 0; k < block.positions.rows(); ++k) {
-    const double s =
-        std::clamp(static_cast<double>(k - lead_in + 1) / static_cast<double>(move), 0.0, 1.0);
-    block.positions.row(k) = from + Trapezoid(s) * (to - from);
-  }
-  block.move = {lead_in, move};
+  PlannedBlock block = MoveBetween(MovePose(index), MovePose(index + 1));
   block.late_windows = index % 2 == 1 ? kLateWindows : 0;
   return block;
 }
@@ -79,10 +52,39 @@ std::vector<MoveReport> JudgeMoves(const LockstepRun& run, const cs::VibrationMo
 
 }  // namespace
 
+double Trapezoid(double s) {
+  if (s < 1.0 / 3.0) return 2.25 * s * s;
+  if (s < 2.0 / 3.0) return 0.25 + 1.5 * (s - 1.0 / 3.0);
+  return 1.0 - 2.25 * (1.0 - s) * (1.0 - s);
+}
+
+Eigen::RowVectorXd MovePose(Eigen::Index index) {
+  const double mirror = index % 2 == 0 ? 1.0 : -1.0;
+  Eigen::RowVectorXd pose(kArmJoints);
+  pose << kShoulders[static_cast<std::size_t>(index) % std::size(kShoulders)], mirror * kElbow,
+      mirror * kWrist;
+  return pose;
+}
+
+PlannedBlock MoveBetween(const Eigen::RowVectorXd& from, const Eigen::RowVectorXd& to) {
+  const Eigen::Index lead_in = Samples(kLeadInS);
+  const Eigen::Index move = Samples(kMoveS);
+  PlannedBlock block;
+  block.positions.resize(lead_in + move + Samples(kRestS), kArmJoints);
+  for (Eigen::Index k = 0; k < block.positions.rows(); ++k) {
+    const double s =
+        std::clamp(static_cast<double>(k - lead_in + 1) / static_cast<double>(move), 0.0, 1.0);
+    block.positions.row(k) = from + Trapezoid(s) * (to - from);
+  }
+  block.move = {lead_in, move};
+  return block;
+}
+
 PlantExperiment::PlantExperiment(Eigen::Index moves) : arm_(kSampleTimeS) {
   for (Eigen::Index index = 0; index < moves; ++index) plan_.push_back(MoveBlock(index));
-  mode_.measured = cs::EstimateRinging(arm_.FreeRinging(Pose(0), kRingingS), 1.0 / kSampleTimeS);
-  mode_.linearised = arm_.LinearisedMode(Pose(0));
+  mode_.measured =
+      cs::EstimateRinging(arm_.FreeRinging(MovePose(0), kRingingS), 1.0 / kSampleTimeS);
+  mode_.linearised = arm_.LinearisedMode(MovePose(0));
   unshaped_ = Run(std::nullopt);
 }
 
@@ -98,6 +100,12 @@ ShaperTrial PlantExperiment::Trial(cs::ShaperKind kind, double frequency_error) 
   trial.predicted_ratio = SameTimeVibrationRatio(trial.shaper, measured);
   trial.decay = Decay(measured, trial.shaper.times_s.back());
   return trial;
+}
+
+ReplanRun PlantExperiment::Replan(const std::optional<cs::ImpulseSequence>& shaper) {
+  ReplanRun run{RunReplanned(arm_, shaper, kComputeFractionLimit), {}};
+  run.retargeted = JudgeMoves(run.replanned.stream, mode_.measured.mode).front();
+  return run;
 }
 
 PlantRun PlantExperiment::Run(const std::optional<cs::ImpulseSequence>& shaper) {

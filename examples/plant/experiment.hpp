@@ -12,6 +12,7 @@
 
 #include "plant/flexible_arm.hpp"
 #include "plant/lockstep.hpp"
+#include "plant/replan.hpp"
 
 namespace corvane::plant {
 
@@ -49,6 +50,13 @@ struct ShaperTrial {
   double decay = 0.0;
 };
 
+// A lockstep run whose plan changed while the arm moved (replan.hpp), its re-targeted move judged
+// as the planned moves are.
+struct ReplanRun {
+  ReplannedStream replanned;
+  MoveReport retargeted;
+};
+
 // Sample period of the control loop, 1 kHz.
 inline constexpr double kSampleTimeS = 1e-3;
 // Where each move's residual vibration is fitted: from kSettleS after the move's end, longer than
@@ -57,6 +65,16 @@ inline constexpr double kSettleS = 0.15;   // [s]
 inline constexpr double kResidualS = 0.3;  // [s]
 // Compute seconds per second of window that the qualification allows.
 inline constexpr double kComputeFractionLimit = 0.5;
+
+// Share of a move done at time share s of it, for a trapezoidal velocity: constant acceleration
+// over the first third, constant speed, constant deceleration over the last third.
+double Trapezoid(double s);
+// The pose [rad] from which move `index` starts. Elbow and wrist alternate between two mirror
+// images, so the payload mode is the same at every pose; the shoulder turns freely.
+Eigen::RowVectorXd MovePose(Eigen::Index index);
+// A block that rests on `from` [rad] for longer than the solver looks ahead, moves to `to` [rad]
+// with a trapezoidal velocity, and rests there long enough for the vibration to die out.
+PlannedBlock MoveBetween(const Eigen::RowVectorXd& from, const Eigen::RowVectorXd& to);
 
 class PlantExperiment {
  public:
@@ -72,6 +90,9 @@ class PlantExperiment {
   // Streams the same moves through the online shaping stage, with the shaper of `kind`
   // designed for the measured mode with its frequency off by frequency_error (0.2: 20 % high).
   ShaperTrial Trial(control::engines::ShaperKind kind, double frequency_error);
+  // Streams a move whose goal changes in its middle and another stopped in its middle
+  // (replan.hpp), through the online shaping stage when a shaper is given.
+  ReplanRun Replan(const std::optional<control::engines::ImpulseSequence>& shaper);
 
  private:
   PlantRun Run(const std::optional<control::engines::ImpulseSequence>& shaper);

@@ -1,9 +1,9 @@
 #include "plant/flexible_arm.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <cstring>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -12,8 +12,6 @@
 
 namespace corvane::plant {
 
-extern const char kFlexibleArmModel[];  // flexible_arm.xml, built into the program
-
 namespace {
 
 constexpr int kPayloadJoint = 3;             // the compliant joint, after the three servo joints
@@ -21,10 +19,9 @@ constexpr double kRingingRelease = 0.02;     // [rad] deflection a free ringing 
 constexpr double kLinearisationStep = 1e-6;  // finite-difference step of mjd_transitionFD
 
 // Compiles the model text through MuJoCo's virtual file system (about 2 MB, so on the heap).
-mjModel* CompileModel(const char* text) {
+mjModel* CompileModel(const char* name, const char* text) {
   const auto vfs = std::make_unique<mjVFS>();
   mj_defaultVFS(vfs.get());
-  const char* name = "flexible_arm.xml";
   const auto size = static_cast<int>(std::strlen(text));
   if (mj_makeEmptyFileVFS(vfs.get(), name, size) != 0) {
     throw std::runtime_error("MuJoCo could not hold the model text in memory.");
@@ -33,9 +30,9 @@ mjModel* CompileModel(const char* text) {
   char error[1000] = "";
   mjModel* model = mj_loadXML(name, vfs.get(), error, sizeof error);
   mj_deleteVFS(vfs.get());
-  if (model == nullptr) throw std::runtime_error(std::string("flexible_arm.xml: ") + error);
+  if (model == nullptr) throw std::runtime_error(std::string(name) + ": " + error);
   if (model->nu != kArmJoints || model->nq != kArmJoints + 1 || model->nv != model->nq) {
-    throw std::runtime_error("flexible_arm.xml must have three servos and four hinge joints.");
+    throw std::runtime_error(std::string(name) + " must have three servos and four hinge joints.");
   }
   return model;
 }
@@ -43,7 +40,10 @@ mjModel* CompileModel(const char* text) {
 }  // namespace
 
 FlexibleArm::FlexibleArm(double sample_time_s)
-    : model_(CompileModel(kFlexibleArmModel)),
+    : FlexibleArm(sample_time_s, "flexible_arm.xml", kFlexibleArmModel) {}
+
+FlexibleArm::FlexibleArm(double sample_time_s, const char* name, const char* model_xml)
+    : model_(CompileModel(name, model_xml)),
       data_(mj_makeData(model_.get())),
       sample_time_s_(sample_time_s),
       steps_per_sample_(static_cast<int>(std::lround(sample_time_s / model_->opt.timestep))),
@@ -94,7 +94,30 @@ Eigen::VectorXd FlexibleArm::FreeRinging(const Eigen::RowVectorXd& pose, double 
   return deflection;
 }
 
+Eigen::MatrixXd FlexibleArm::FreeRinging(const Eigen::RowVectorXd& pose,
+                                         const Eigen::RowVectorXd& release_rad, double duration_s) {
+  Rest(pose, release_rad(kPayloadJoint));
+  for (int joint = 0; joint < kArmJoints; ++joint) data_->qpos[joint] += release_rad(joint);
+  mj_forward(model_.get(), data_.get());
+  const Eigen::RowVectorXd still = Eigen::RowVectorXd::Zero(kArmJoints);
+  Eigen::MatrixXd motion(std::lround(duration_s / sample_time_s_), kArmJoints + 1);
+  for (Eigen::Index k = 0; k < motion.rows(); ++k) {
+    motion.row(k) << JointPositions() - pose, Deflection();
+    Play(pose, still);
+  }
+  return motion;
+}
+
 control::engines::VibrationMode FlexibleArm::LinearisedMode(const Eigen::RowVectorXd& pose) {
+  const std::vector<control::engines::VibrationMode> modes = LinearisedModes(pose);
+  if (modes.empty()) throw std::runtime_error("The linearised arm has no oscillatory mode.");
+  return *std::min_element(modes.begin(), modes.end(), [](const auto& a, const auto& b) {
+    return a.damping_ratio < b.damping_ratio;
+  });
+}
+
+std::vector<control::engines::VibrationMode> FlexibleArm::LinearisedModes(
+    const Eigen::RowVectorXd& pose) {
   Rest(pose);
   const int states = 2 * model_->nv + model_->na;
   std::vector<mjtNum> transition(static_cast<size_t>(states * states));
@@ -104,16 +127,17 @@ control::engines::VibrationMode FlexibleArm::LinearisedMode(const Eigen::RowVect
       Eigen::Map<Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>(
           transition.data(), states, states);
   const Eigen::VectorXcd eigenvalues = Eigen::EigenSolver<Eigen::MatrixXd>(step).eigenvalues();
-  std::optional<control::engines::VibrationMode> least_damped;
+  std::vector<control::engines::VibrationMode> modes;
   for (const std::complex<double> eigenvalue : eigenvalues) {
     // One step multiplies a mode by exp(s dt); s = -zeta w + i w sqrt(1 - zeta^2).
     const std::complex<double> s = std::log(eigenvalue) / model_->opt.timestep;
     if (s.imag() <= 0.0) continue;
-    const control::engines::VibrationMode mode{std::abs(s) / (2.0 * M_PI), -s.real() / std::abs(s)};
-    if (!least_damped || mode.damping_ratio < least_damped->damping_ratio) least_damped = mode;
+    modes.push_back({std::abs(s) / (2.0 * M_PI), -s.real() / std::abs(s)});
   }
-  if (!least_damped) throw std::runtime_error("The linearised arm has no oscillatory mode.");
-  return *least_damped;
+  std::sort(modes.begin(), modes.end(), [](const auto& a, const auto& b) {
+    return a.natural_frequency_hz < b.natural_frequency_hz;
+  });
+  return modes;
 }
 
 }  // namespace corvane::plant

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include <mujoco/mujoco.h>
 #include <Eigen/Core>
@@ -14,6 +15,11 @@ namespace corvane::plant {
 // The arm's servo-driven joints: shoulder, elbow, wrist.
 inline constexpr Eigen::Index kArmJoints = 3;
 
+// The models built into the program: flexible_arm.xml, and compliant_arm.xml, the same arm on a
+// compliant shoulder whose mode moves with the elbow angle.
+extern const char kFlexibleArmModel[];
+extern const char kCompliantArmModel[];
+
 class FlexibleArm {
  public:
   // Loads the model built into the program (flexible_arm.xml); the control loop plays one sample
@@ -21,6 +27,9 @@ class FlexibleArm {
   // MuJoCo's message when the model does not load, and std::invalid_argument when sample_time_s
   // is not a positive whole multiple of the physics step.
   explicit FlexibleArm(double sample_time_s);
+  // The same with the model text `model_xml` (kCompliantArmModel, say), named `name` in messages;
+  // it must have the three servos and the payload joint of flexible_arm.xml.
+  FlexibleArm(double sample_time_s, const char* name, const char* model_xml);
 
   // Puts the arm at rest on `pose` [rad] with the servos holding it there, the payload turned by
   // deflection_rad [rad] on its compliant joint, and the simulated clock at 0.
@@ -45,6 +54,15 @@ class FlexibleArm {
   // eigenvalues of one physics step's transition matrix (mjd_transitionFD), mapped to continuous
   // time. Throws std::runtime_error when the linearised arm has no oscillatory mode.
   control::engines::VibrationMode LinearisedMode(const Eigen::RowVectorXd& pose);
+  // Every oscillatory mode of the arm linearised about rest on `pose`, found as LinearisedMode()
+  // finds the least damped one, by rising frequency.
+  std::vector<control::engines::VibrationMode> LinearisedModes(const Eigen::RowVectorXd& pose);
+  // The arm's free motion at rest on `pose`, released from the offsets release_rad [rad] of
+  // shoulder, elbow, wrist and payload joint with the servos holding the pose: a row a sample
+  // period for duration_s [s], each joint's angle less its angle at rest (the payload's: its
+  // deflection).
+  Eigen::MatrixXd FreeRinging(const Eigen::RowVectorXd& pose, const Eigen::RowVectorXd& release_rad,
+                              double duration_s);
 
  private:
   struct ModelDeleter {

@@ -96,25 +96,55 @@ std::unique_ptr<cw::LiftedMpcSolveSession> Solver(const std::optional<cs::Impuls
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
                         const std::optional<cs::ImpulseSequence>& shaper, StreamShape shape,
                         double compute_fraction_limit) {
+  return RunLockstep(arm, plan, Solver(shaper, arm.sample_time_s(), shape.lookahead_samples), shape,
+                     compute_fraction_limit);
+}
+
+LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
+                        std::unique_ptr<cw::LiftedMpcSolveSession> solver, StreamShape shape,
+                        double compute_fraction_limit) {
+  const PlannerFactory blocks = [&](cw::AppendableWindowBuffer& buffer,
+                                    cw::AppendableReferenceBuffer& stored, LockstepRun& run) {
+    auto planner = std::make_shared<BlockPlanner>(buffer, stored, plan, shape, run);
+    return BeforePop([planner](Eigen::Index popped) { planner->BeforePop(popped); });
+  };
+  return RunLockstep(arm, plan.front().positions.row(0), blocks, std::move(solver), shape,
+                     compute_fraction_limit);
+}
+
+LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
+                        const PlannerFactory& make_planner,
+                        const std::optional<cs::ImpulseSequence>& shaper, StreamShape shape,
+                        double compute_fraction_limit) {
+  return RunLockstep(arm, rest_pose, make_planner,
+                     Solver(shaper, arm.sample_time_s(), shape.lookahead_samples), shape,
+                     compute_fraction_limit);
+}
+
+LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
+                        const PlannerFactory& make_planner,
+                        std::unique_ptr<cw::LiftedMpcSolveSession> solver, StreamShape shape,
+                        double compute_fraction_limit) {
+  if (!solver) throw std::invalid_argument("solver must not be null.");
   const auto started = std::chrono::steady_clock::now();
   const double h = arm.sample_time_s();
   auto stored = std::make_shared<cw::AppendableReferenceBuffer>(kArmJoints);
-  cw::AppendableWindowBuffer buffer(std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
-                                        Solver(shaper, h, shape.lookahead_samples), stored,
-                                        static_cast<std::size_t>(shape.apply_samples),
-                                        static_cast<std::size_t>(shape.lookahead_samples), h, 0),
-                                    stored, kPrefillWindows,
-                                    static_cast<std::size_t>(shape.queue_windows));
+  cw::AppendableWindowBuffer buffer(
+      std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
+          std::move(solver), stored, static_cast<std::size_t>(shape.apply_samples),
+          static_cast<std::size_t>(shape.lookahead_samples), h, 0),
+      stored, kPrefillWindows, static_cast<std::size_t>(shape.queue_windows));
   auto timing = std::make_shared<cw::TimingLog>(kTimingLogWindows);
   buffer.AttachTimingLog(timing);
   LockstepRun run;
-  BlockPlanner planner(buffer, *stored, plan, shape, run);
-  arm.Rest(plan.front().positions.row(0));
-  planner.BeforePop(0);
+  const BeforePop before_pop = make_planner(buffer, *stored, run);
+  arm.Rest(rest_pose);
+  before_pop(0);
   buffer.Start();
-  PlayWindows(buffer, arm, run, [&](Eigen::Index popped) { planner.BeforePop(popped); });
+  PlayWindows(buffer, arm, run, before_pop);
   run.reference = buffer.ReferencePositions();
   run.qualification = buffer.Qualify(compute_fraction_limit);
+  run.replacements = buffer.Replacements();
   run.timing = timing->Read(0).entries;
   run.wall_time_s =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();

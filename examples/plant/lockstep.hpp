@@ -9,6 +9,8 @@
 // results are therefore the same on every run, however the threads are scheduled.
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -16,7 +18,9 @@
 #include <corvane_shaper_engines/impulse_sequence.hpp>
 #include <corvane_shaper_io/window_record.hpp>
 #include <window/async_buffer.hpp>
+#include <window/producers.hpp>
 #include <window/records.hpp>
+#include <window/reference_buffer.hpp>
 #include <window/timing_log.hpp>
 
 #include "plant/flexible_arm.hpp"
@@ -49,6 +53,7 @@ struct LockstepRun {
   std::vector<SampleSpan> holds;            // samples of the reference the producer held
   std::vector<SampleSpan> moves;            // where each block's move lies in the reference
   control::window::QualificationReport qualification;
+  control::window::ReplacementTotals replacements;    // what the planner's replacements discarded
   std::vector<control::window::WindowTiming> timing;  // every window's timing, in the order popped
   double wall_time_s = 0.0;  // [s] steady-clock time of the run, for its speed only
   // Every popped window, with when the loop popped it [s since it began popping].
@@ -61,6 +66,32 @@ struct LockstepRun {
 // passes on the buffer's failures.
 LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
                         const std::optional<control::engines::ImpulseSequence>& shaper,
+                        StreamShape shape, double compute_fraction_limit);
+
+// The planning half of a lockstep loop: called with 0 before the buffer starts, then before each
+// pop with the windows popped so far.
+using BeforePop = std::function<void(Eigen::Index popped)>;
+// Makes the planning half of a run from the run's buffer, the reference stored behind it and the
+// run it may record into.
+using PlannerFactory =
+    std::function<BeforePop(control::window::AppendableWindowBuffer&,
+                            control::window::AppendableReferenceBuffer&, LockstepRun&)>;
+
+// The same loop with a planner of the caller's, the arm starting at rest on rest_pose [rad].
+// Throws as RunLockstep does, and passes on what the planner throws.
+LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
+                        const PlannerFactory& make_planner,
+                        const std::optional<control::engines::ImpulseSequence>& shaper,
+                        StreamShape shape, double compute_fraction_limit);
+
+// The two loops above with the solver session given: a lifted-MPC solver behind any shaping
+// stage, say a scheduled one. Throw std::invalid_argument for a null solver, and as above.
+LockstepRun RunLockstep(FlexibleArm& arm, const std::vector<PlannedBlock>& plan,
+                        std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
+                        StreamShape shape, double compute_fraction_limit);
+LockstepRun RunLockstep(FlexibleArm& arm, const Eigen::RowVectorXd& rest_pose,
+                        const PlannerFactory& make_planner,
+                        std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
                         StreamShape shape, double compute_fraction_limit);
 
 }  // namespace corvane::plant

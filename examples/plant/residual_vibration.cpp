@@ -27,20 +27,34 @@ DampedSine DampedSineOf(const cs::VibrationMode& mode) {
 
 double FittedAmplitude(const Eigen::VectorXd& signal, double sample_time_s, SampleSpan span,
                        const cs::VibrationMode& mode) {
+  return FittedAmplitudes(signal, sample_time_s, span, {mode}).front();
+}
+
+std::vector<double> FittedAmplitudes(const Eigen::VectorXd& signal, double sample_time_s,
+                                     SampleSpan span, const std::vector<cs::VibrationMode>& modes) {
   if (span.first < 0 || span.count < 3 || span.first + span.count > signal.size()) {
     throw std::invalid_argument("The fitted span must lie within the signal.");
   }
-  const DampedSine sine = DampedSineOf(mode);
-  Eigen::MatrixXd basis(span.count, 3);
+  const auto columns = static_cast<Eigen::Index>(2 * modes.size() + 1);
+  Eigen::MatrixXd basis(span.count, columns);
   for (Eigen::Index k = 0; k < span.count; ++k) {
     const double t = static_cast<double>(k) * sample_time_s;
-    const double envelope = std::exp(-sine.decay_per_s * t);
-    basis.row(k) << envelope * std::cos(sine.angular_frequency * t),
-        envelope * std::sin(sine.angular_frequency * t), 1.0;
+    for (std::size_t m = 0; m < modes.size(); ++m) {
+      const DampedSine sine = DampedSineOf(modes[m]);
+      const double envelope = std::exp(-sine.decay_per_s * t);
+      basis(k, static_cast<Eigen::Index>(2 * m)) = envelope * std::cos(sine.angular_frequency * t);
+      basis(k, static_cast<Eigen::Index>(2 * m + 1)) =
+          envelope * std::sin(sine.angular_frequency * t);
+    }
+    basis(k, columns - 1) = 1.0;
   }
-  const Eigen::Vector3d fit =
+  const Eigen::VectorXd fit =
       basis.colPivHouseholderQr().solve(signal.segment(span.first, span.count));
-  return fit.head<2>().norm();
+  std::vector<double> amplitudes;
+  for (std::size_t m = 0; m < modes.size(); ++m) {
+    amplitudes.push_back(fit.segment<2>(static_cast<Eigen::Index>(2 * m)).norm());
+  }
+  return amplitudes;
 }
 
 double Decay(const cs::VibrationMode& mode, double duration_s) {

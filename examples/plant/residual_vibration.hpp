@@ -1,6 +1,8 @@
 // Residual vibration after a move: measured on a recorded signal, and predicted in closed form.
 #pragma once
 
+#include <vector>
+
 #include <Eigen/Core>
 #include <corvane_shaper_engines/impulse_sequence.hpp>
 
@@ -18,6 +20,12 @@ struct SampleSpan {
 // Units are the signal's. Throws std::invalid_argument for a span outside the signal.
 double FittedAmplitude(const Eigen::VectorXd& signal, double sample_time_s, SampleSpan span,
                        const control::engines::VibrationMode& mode);
+
+// The same for several modes at once: the amplitude of each mode's decaying sine in the joint
+// least-squares fit of all of them (and the offset) to the span, in the order of `modes`.
+std::vector<double> FittedAmplitudes(const Eigen::VectorXd& signal, double sample_time_s,
+                                     SampleSpan span,
+                                     const std::vector<control::engines::VibrationMode>& modes);
 
 // The factor exp(-zeta w t) by which the mode's free vibration shrinks in duration_s [s].
 double Decay(const control::engines::VibrationMode& mode, double duration_s);

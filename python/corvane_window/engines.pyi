@@ -1,7 +1,7 @@
 # Type stubs of the corvane_window.engines submodule.
 # Subclasses of the module's interfaces declare only what they add.
 import enum
-from typing import Optional, overload
+from typing import Callable, Optional, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -83,8 +83,12 @@ def ChooseShaper(mode: VibrationMode, frequency_uncertainty: float, vibration_li
                  *, sample_time_s: float) -> ShaperChoice: ...
 
 def ShaperSamples(shaper: ImpulseSequence, sample_time_s: float) -> int: ...
+@overload
 def ShapeSamples(reference: ArrayLike, sample_time_s: float,
                  shaper: ImpulseSequence) -> npt.NDArray[np.float64]: ...
+@overload
+def ShapeSamples(reference: ArrayLike, sample_time_s: float,
+                 schedule: ShaperSchedule) -> npt.NDArray[np.float64]: ...
 
 class InputShaper(TrajectoryWindowHandle):
     def __init__(self, trajectory: ArrayLike, sample_time_s: float, shaper: ImpulseSequence,
@@ -105,3 +109,53 @@ class LiftedMpcSolver(LiftedMpcSolveSession):
     def __init__(self, sample_time_s: float, horizon_samples: int,
                  weights: LiftedMpcWeights = ...) -> None: ...
     def SolveInto(self, request: WindowSlice, window: WindowPayload) -> None: ...
+
+class ModeBand:
+    mode: VibrationMode
+    frequency_uncertainty: float
+    def __init__(self, *, mode: VibrationMode = ...,
+                 frequency_uncertainty: float = ...) -> None: ...
+
+class MultiModeChoice:
+    kinds: list[ShaperKind | None]
+    shaper: ImpulseSequence
+    duration_s: float
+    worst_vibration: Array
+    def __init__(self, *, kinds: list[ShaperKind | None] = ..., shaper: ImpulseSequence = ...,
+                 duration_s: float = ..., worst_vibration: ArrayLike = ...) -> None: ...
+
+class ModeEstimate:
+    mode: VibrationMode
+    amplitude: float
+    frequency_uncertainty_hz: float
+    damping_uncertainty: float
+    def __init__(self, *, mode: VibrationMode = ..., amplitude: float = ...,
+                 frequency_uncertainty_hz: float = ...,
+                 damping_uncertainty: float = ...) -> None: ...
+
+class RingingModes:
+    modes: list[ModeEstimate]
+    noise_rms: float
+    def __init__(self, *, modes: list[ModeEstimate] = ..., noise_rms: float = ...) -> None: ...
+
+class ShaperSchedule:
+    modes: Callable[[npt.NDArray[np.float64]], list[VibrationMode]] | None
+    kind: ShaperKind
+    vibration_tolerance: float
+    longest_shaper_s: float
+    def __init__(self, *,
+                 modes: Callable[[npt.NDArray[np.float64]], list[VibrationMode]] | None = ...,
+                 kind: ShaperKind = ..., vibration_tolerance: float = ...,
+                 longest_shaper_s: float = ...) -> None: ...
+
+def ConvolveShapers(first: ImpulseSequence, second: ImpulseSequence) -> ImpulseSequence: ...
+def MultiModeShaper(kinds: list[ShaperKind | None], modes: list[VibrationMode],
+                    vibration_tolerance: float = ...) -> ImpulseSequence: ...
+def ChooseMultiModeShaper(bands: list[ModeBand],
+                          vibration_limit: float = ...) -> MultiModeChoice: ...
+def EstimateRingingModes(samples: ArrayLike, sample_rate_hz: float) -> RingingModes: ...
+def ScheduledShaper(schedule: ShaperSchedule, pose: ArrayLike) -> ImpulseSequence: ...
+
+class ScheduledShapingSession(LiftedMpcSolveSession):
+    def __init__(self, solver: LiftedMpcSolveSession, schedule: ShaperSchedule,
+                 sample_time_s: float) -> None: ...

@@ -38,6 +38,16 @@ def shaping(solver):
     return engines.ShapingSolveSession(solver=solver, shaper=ZV, sample_time_s=H)
 
 
+REFERENCE = np.column_stack([np.linspace(0.0, 1.0, 24), np.linspace(0.0, -2.0, 24) ** 2])
+
+
+def schedule(modes):
+    return engines.ShaperSchedule(modes=modes, longest_shaper_s=0.02)
+
+
+# A mode that moves with the first joint, from 40 to 80 Hz.
+MOVING = schedule(lambda pose: [engines.VibrationMode(natural_frequency_hz=40.0 + 40.0 * pose[0])])
+
 REQUEST = cw.WindowSlice(positions=np.ones((4, 2)), stop_index=4, metadata={"apply_samples": "2"})
 TAKEN = "This LiftedMpcSolver belongs to a buffer or producer; only its owner may use it."
 
@@ -65,6 +75,12 @@ TAKEN = "This LiftedMpcSolver belongs to a buffer or producer; only its owner ma
                                   sample_time_s=H), ValueError,
      "The mode's band reaches the Nyquist frequency of sample_time_s: no shaper applied at that "
      "period can shape it."),
+    (lambda: engines.ShapeSamples(REFERENCE, H, schedule(lambda pose: [])), ValueError,
+     "The mode schedule must give at least one mode."),
+    (lambda: engines.ShapeSamples(REFERENCE, H, schedule(FailingSolver().Solve)), LookupError,
+     "no gains."),
+    (lambda: engines.EstimateRingingModes(np.zeros(15), 1e3), ValueError,
+     "The ringing recording is too short: it holds fewer than 16 samples."),
 ])
 def test_errors_keep_class_and_message(call, error, message):
     with pytest.raises(Exception) as raised:
@@ -90,11 +106,11 @@ def test_every_kind_maps_to_its_design():
     assert np.array_equal(designs[0].times_s, ZV.times_s)
 
 
-REFERENCE = np.column_stack([np.linspace(0.0, 1.0, 24), np.linspace(0.0, -2.0, 24) ** 2])
-
 
 @pytest.mark.parametrize("make_solver, expected", [
     (EchoSolver, engines.ShapeSamples(REFERENCE, H, ZV)),
+    (lambda: engines.ScheduledShapingSession(EchoSolver(), MOVING, H),
+     engines.ShapeSamples(engines.ShapeSamples(REFERENCE, H, ZV), H, MOVING)),
     (lambda: shaping(EchoSolver()), engines.ShapeSamples(engines.ShapeSamples(REFERENCE, H, ZV),
                                                          H, ZV)),
     (lambda: engines.LiftedMpcSolver(H, 4, engines.LiftedMpcWeights(acceleration_s4=0.0,

@@ -23,6 +23,7 @@ void BindEngines(py::module_& module) {
   BindShaping(engines);
   BindLiftedMpc(engines);
   BindSampling(engines);
+  BindModes(engines);
 }
 
 }  // namespace corvane::python

@@ -28,6 +28,10 @@ void BindLiftedMpc(py::module_& engines);
 // MaximumDampingRatio, SampledResidualVibration, and WorstVibration and ChooseShaper at a sample
 // period (overloads of those bound before).
 void BindSampling(py::module_& engines);
+// Several modes and modes that move with the pose: ModeBand, MultiModeChoice, ModeEstimate,
+// RingingModes, ShaperSchedule, the multi-mode shapers, EstimateRingingModes, ScheduledShaper,
+// ShapeSamples with a schedule and ScheduledShapingSession.
+void BindModes(py::module_& engines);
 
 // `function` as Python calls it: with the GIL released while it computes, its arguments
 // converted before and its result after.

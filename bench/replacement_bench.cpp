@@ -1,0 +1,327 @@
+// Replacing the unplayed reference, against baselines measured in the same run:
+//   - the latency from ReplaceReference() until the consumer holds the first window of the new
+//     plan, over the time of one solve of a window by the same solver on the same thread: the
+//     lifted-MPC example solver of 6 joints at lookaheads of 100 and 1000 samples, windows of 10
+//     samples, each new plan 2 s long;
+//   - a 1 kHz fixed-rate loop that takes one window of one sample a tick with PopNowait() while a
+//     planner thread replaces the tail every 50 ms: its deadline misses (ticks without a window)
+//     beyond those of the same loop without replacements, and the p99 of PopNowait() during
+//     replacements over without. The planner replaces from 10 samples past the earliest index,
+//     which leaves the loop 10 ms of windows while the worker produces the new plan; replacing
+//     from the earliest index itself, which leaves it none, is reported beside.
+// The loop runs 100 replacements (5 s) by default; --replacements=1000 gives the full figure.
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <corvane_shaper_engines/lifted_mpc_solver.hpp>
+
+#include "ratio_reporter.hpp"
+#include "window/async_buffer.hpp"
+#include "window/reference_buffer.hpp"
+
+namespace {
+
+namespace cw = corvane::control::window;
+using corvane::control::engines::LiftedMpcSolver;
+using Clock = std::chrono::steady_clock;
+
+constexpr Eigen::Index kJoints = 6;
+constexpr double kSampleTimeS = 0.001;
+constexpr std::size_t kApply = 10;
+constexpr std::size_t kQueueWindows = 8;
+constexpr Eigen::Index kPlanSamples = 2000;  // every new plan: 2 s
+constexpr int kLatencyReplacements = 400;
+constexpr auto kRefill = std::chrono::milliseconds(2);  // lets the worker fill the queue
+constexpr auto kStall = std::chrono::seconds(5);
+constexpr auto kTick = std::chrono::milliseconds(1);
+constexpr auto kReplanPeriod = std::chrono::milliseconds(50);
+constexpr std::size_t kLoopLookahead = 100;
+constexpr std::size_t kLoopQueueWindows = 20;  // 20 ms ahead of the loop
+
+// How many replacements the fixed-rate loop runs; set from the command line.
+int loop_replacements = 100;
+
+// A smooth motion of every joint, different for every phase.
+cw::SampleMatrix Plan(Eigen::Index rows, double phase) {
+  cw::SampleMatrix plan(rows, kJoints);
+  for (Eigen::Index k = 0; k < rows; ++k) {
+    for (Eigen::Index j = 0; j < kJoints; ++j) {
+      plan(k, j) = 0.5 * std::sin(phase + 0.7 * static_cast<double>(j) +
+                                  2.0 * kSampleTimeS * static_cast<double>(k));
+    }
+  }
+  return plan;
+}
+
+std::unique_ptr<cw::AppendableWindowBuffer> MpcBuffer(
+    const std::shared_ptr<cw::AppendableReferenceBuffer>& stored, std::size_t apply,
+    std::size_t lookahead, std::size_t queue_windows) {
+  auto producer = std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
+      std::make_unique<LiftedMpcSolver>(kSampleTimeS, static_cast<Eigen::Index>(lookahead)), stored,
+      apply, lookahead, kSampleTimeS, 0);
+  return std::make_unique<cw::AppendableWindowBuffer>(std::move(producer), stored, 0,
+                                                      queue_windows);
+}
+
+double MicrosecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+}
+
+// Nearest-rank quantile q of values, which it sorts.
+double Quantile(std::vector<double>& values, double q) {
+  std::sort(values.begin(), values.end());
+  const auto rank = static_cast<std::size_t>(std::ceil(q * static_cast<double>(values.size())));
+  return values[std::max<std::size_t>(rank, 1) - 1];
+}
+
+// The time of one solve of a window: the same solver, the same request size, this thread.
+class SolveTimer {
+ public:
+  explicit SolveTimer(std::size_t lookahead)
+      : solver_(kSampleTimeS, static_cast<Eigen::Index>(lookahead)) {
+    request_.positions = Plan(static_cast<Eigen::Index>(lookahead), 0.0);
+    request_.stop_index = lookahead;
+    request_.metadata["apply_samples"] = std::to_string(kApply);
+    solver_.Prepare();
+  }
+  double Microseconds() {
+    const Clock::time_point start = Clock::now();
+    benchmark::DoNotOptimize(solver_.Solve(request_));
+    return MicrosecondsSince(start);
+  }
+
+ private:
+  LiftedMpcSolver solver_;
+  cw::WindowSlice request_;
+};
+
+// Each iteration pops a window of the current plan, lets the worker fill the queue, times one
+// solve, then replaces from the earliest index and times until Pop() hands out the first window
+// of the new plan.
+void BM_ReplacementLatency(benchmark::State& state) {
+  const auto lookahead = static_cast<std::size_t>(state.range(0));
+  auto stored = std::make_shared<cw::AppendableReferenceBuffer>(kJoints);
+  stored->AppendReference(Plan(kPlanSamples, 0.0));
+  const std::unique_ptr<cw::AppendableWindowBuffer> buffer =
+      MpcBuffer(stored, kApply, lookahead, kQueueWindows);
+  SolveTimer solve(lookahead);
+  std::vector<double> latency_us;
+  std::vector<double> solve_us;
+  std::vector<double> call_us;  // the ReplaceReference() call alone
+  buffer->Start();
+  for (auto _ : state) {
+    if (!buffer->Pop(kStall)) state.SkipWithError("no window of the current plan");
+    std::this_thread::sleep_for(kRefill);
+    solve_us.push_back(solve.Microseconds());
+    const std::size_t start = buffer->EarliestReplaceableIndex();
+    const cw::SampleMatrix plan = Plan(kPlanSamples, static_cast<double>(latency_us.size()));
+    const Clock::time_point called = Clock::now();
+    buffer->ReplaceReference(start, plan);
+    call_us.push_back(MicrosecondsSince(called));
+    const std::optional<cw::WindowPayload> window = buffer->Pop(kStall);
+    latency_us.push_back(MicrosecondsSince(called));
+    if (!window || window->start_index != start) state.SkipWithError("wrong first new window");
+  }
+  const double solve_p50 = Quantile(solve_us, 0.5);
+  state.counters["solve_p50_us"] = solve_p50;
+  state.counters["call_p50_us"] = Quantile(call_us, 0.5);
+  state.counters["latency_p50_us"] = Quantile(latency_us, 0.5);
+  state.counters["latency_p99_us"] = Quantile(latency_us, 0.99);
+  state.counters["ratio_p50"] = Quantile(latency_us, 0.5) / solve_p50;
+  state.counters["ratio_p99"] = Quantile(latency_us, 0.99) / solve_p50;
+}
+
+// Replaces the tail of the loop's stream every 50 ms, from `margin` samples past the earliest
+// index, on a thread of its own until stopped; counts what it did.
+class TailPlanner {
+ public:
+  TailPlanner(cw::AppendableWindowBuffer& buffer, std::size_t margin)
+      : buffer_(buffer), margin_(margin), thread_([this] { Run(); }) {}
+  ~TailPlanner() { Stop(); }
+  TailPlanner(const TailPlanner&) = delete;
+  TailPlanner& operator=(const TailPlanner&) = delete;
+
+  void Stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+  int replacements() const { return replacements_; }
+  int failures() const { return failures_; }
+
+ private:
+  void Run() {
+    Clock::time_point due = Clock::now();
+    while (!stop_) {
+      due += kReplanPeriod;
+      std::this_thread::sleep_until(due);
+      const cw::SampleMatrix plan = Plan(kPlanSamples, static_cast<double>(replacements_));
+      if (Replace(plan)) {
+        ++replacements_;
+      } else {
+        ++failures_;
+      }
+    }
+  }
+
+  // A pop between the query and the call may move the earliest index past the one asked for;
+  // the planner then asks again.
+  bool Replace(const cw::SampleMatrix& plan) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+      try {
+        buffer_.ReplaceReference(buffer_.EarliestReplaceableIndex() + margin_, plan);
+        return true;
+      } catch (const std::invalid_argument&) {
+      }
+    }
+    return false;
+  }
+
+  cw::AppendableWindowBuffer& buffer_;
+  std::size_t margin_;  // samples past the earliest index from which the tail is replaced
+  std::atomic<bool> stop_{false};
+  int replacements_ = 0;
+  int failures_ = 0;
+  std::thread thread_;  // last: starts once everything above is ready
+};
+
+// The loop's figures over one run.
+struct LoopRun {
+  std::vector<double> pop_us;  // every PopNowait() call
+  int misses = 0;              // ticks without a window
+  int gaps = 0;                // windows that do not start where the last one stopped
+};
+
+// Ticks at 1 kHz on an absolute schedule and takes one window a tick with PopNowait().
+LoopRun RunLoop(cw::AppendableWindowBuffer& buffer, int ticks) {
+  LoopRun run;
+  run.pop_us.reserve(static_cast<std::size_t>(ticks));
+  std::optional<std::size_t> expected;
+  Clock::time_point due = Clock::now();
+  for (int tick = 0; tick < ticks; ++tick) {
+    due += kTick;
+    std::this_thread::sleep_until(due);
+    const Clock::time_point called = Clock::now();
+    const std::optional<cw::WindowPayload> window = buffer.PopNowait();
+    run.pop_us.push_back(MicrosecondsSince(called));
+    if (!window) {
+      ++run.misses;
+      continue;
+    }
+    if (expected && window->start_index != *expected) ++run.gaps;
+    expected = window->stop_index;
+  }
+  return run;
+}
+
+void BM_FixedRateLoop(benchmark::State& state) {
+  const bool replacing = state.range(0) != 0;
+  const int ticks = loop_replacements * static_cast<int>(kReplanPeriod / kTick);
+  for (auto _ : state) {
+    auto stored = std::make_shared<cw::AppendableReferenceBuffer>(kJoints);
+    stored->AppendReference(Plan(ticks + kPlanSamples, 0.0));
+    const std::unique_ptr<cw::AppendableWindowBuffer> buffer =
+        MpcBuffer(stored, 1, kLoopLookahead, kLoopQueueWindows);
+    buffer->Start();
+    if (!buffer->Pop(kStall)) state.SkipWithError("no first window");
+    std::optional<TailPlanner> planner;
+    if (replacing) planner.emplace(*buffer, static_cast<std::size_t>(state.range(1)));
+    LoopRun run = RunLoop(*buffer, ticks);
+    if (planner) {
+      planner->Stop();
+      state.counters["replacements"] = planner->replacements();
+      if (planner->failures() > 0) state.SkipWithError("a replacement failed");
+    }
+    if (run.gaps > 0) state.SkipWithError("windows lost or duplicated");
+    state.counters["misses"] = run.misses;
+    state.counters["pop_p50_us"] = Quantile(run.pop_us, 0.5);
+    state.counters["pop_p99_us"] = Quantile(run.pop_us, 0.99);
+    state.counters["pop_max_us"] = Quantile(run.pop_us, 1.0);
+  }
+}
+
+BENCHMARK(BM_ReplacementLatency)
+    ->ArgName("lookahead")
+    ->Arg(100)
+    ->Arg(1000)
+    ->Iterations(kLatencyReplacements)
+    ->UseRealTime();
+BENCHMARK(BM_FixedRateLoop)
+    ->ArgNames({"replacing", "margin"})
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({1, 10})
+    ->Iterations(1)
+    ->UseRealTime();
+
+void PrintSummary(const corvane::bench::RatioReporter& reporter) {
+  using corvane::bench::PrintRatio;
+  std::printf("\nRatios against the same-run baselines\n");
+  for (const char* lookahead : {"100", "1000"}) {
+    const std::string name = std::string("BM_ReplacementLatency/lookahead:") + lookahead +
+                             "/iterations:" + std::to_string(kLatencyReplacements) + "/real_time";
+    if (!reporter.Has(name)) continue;
+    const double p50 = reporter.Counter(name, "ratio_p50");
+    std::printf(
+        "replacement latency, lookahead %s: p50 %.1f us (the call %.1f us), p99 %.1f us; one "
+        "solve %.1f us\n",
+        lookahead, reporter.Counter(name, "latency_p50_us"), reporter.Counter(name, "call_p50_us"),
+        reporter.Counter(name, "latency_p99_us"), reporter.Counter(name, "solve_p50_us"));
+    PrintRatio("  latency p50 / one solve", p50, "<= 2", p50 <= 2.0);
+    PrintRatio("  latency p99 / one solve", reporter.Counter(name, "ratio_p99"), "reported", true);
+  }
+  const std::string without = "BM_FixedRateLoop/replacing:0/margin:0/iterations:1/real_time";
+  const std::string with = "BM_FixedRateLoop/replacing:1/margin:10/iterations:1/real_time";
+  const std::string earliest = "BM_FixedRateLoop/replacing:1/margin:0/iterations:1/real_time";
+  if (reporter.Has(with) && reporter.Has(without)) {
+    const double extra = reporter.Counter(with, "misses") - reporter.Counter(without, "misses");
+    std::printf(
+        "1 kHz loop, %.0f replacements every 50 ms from 10 samples past the earliest: %.0f misses, "
+        "%.0f without\n",
+        reporter.Counter(with, "replacements"), reporter.Counter(with, "misses"),
+        reporter.Counter(without, "misses"));
+    PrintRatio("  deadline misses beyond the loop without replacements", extra, "0", extra <= 0.0);
+    const double p99 =
+        reporter.Counter(with, "pop_p99_us") / reporter.Counter(without, "pop_p99_us");
+    PrintRatio("  PopNowait p99 during replacements / without", p99, "<= 1.5", p99 <= 1.5);
+  }
+  if (reporter.Has(earliest) && reporter.Has(without)) {
+    std::printf(
+        "  replacing from the earliest sample itself: %.0f misses, PopNowait p99 / without %.3f\n",
+        reporter.Counter(earliest, "misses"),
+        reporter.Counter(earliest, "pop_p99_us") / reporter.Counter(without, "pop_p99_us"));
+  }
+}
+
+// Takes --replacements=N off the command line; the rest goes to the benchmark library.
+std::vector<char*> TakeReplacementsFlag(int argc, char** argv) {
+  static const char kFlag[] = "--replacements=";
+  std::vector<char*> rest;
+  for (int i = 0; i < argc; ++i) {
+    if (std::strncmp(argv[i], kFlag, sizeof kFlag - 1) == 0) {
+      loop_replacements = std::max(1, std::atoi(argv[i] + sizeof kFlag - 1));
+    } else {
+      rest.push_back(argv[i]);
+    }
+  }
+  return rest;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<char*> args = TakeReplacementsFlag(argc, argv);
+  args.push_back(nullptr);
+  return corvane::bench::RunAndSummarize(static_cast<int>(args.size()) - 1, args.data(),
+                                         PrintSummary);
+}
