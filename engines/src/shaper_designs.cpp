@@ -242,13 +242,15 @@ bool IsDesign(const HumpLayout& layout, const Eigen::VectorXd& x, double z, doub
       std::all_of(u.amplitudes.begin(), u.amplitudes.end(), [](double a) { return a > 0.0; });
   const bool increasing =
       std::adjacent_find(u.times.begin(), u.times.end(), std::greater_equal<>()) == u.times.end();
-  const auto [low, high] = std::minmax_element(u.zeros.begin(), u.zeros.end());
-  if (!positive || !increasing || !(*low < 1.0 && 1.0 < *high)) return false;
+  const auto extremes = std::minmax_element(u.zeros.begin(), u.zeros.end());
+  const double low = *extremes.first;
+  const double high = *extremes.second;
+  if (!positive || !increasing || !(low < 1.0 && 1.0 < high)) return false;
   const bool humps_inside =
-      std::all_of(u.humps.begin(), u.humps.end(), [&](double w) { return *low < w && w < *high; });
+      std::all_of(u.humps.begin(), u.humps.end(), [&](double w) { return low < w && w < high; });
   constexpr int kPoints = 400;
   for (int point = 0; humps_inside && point <= kPoints; ++point) {
-    const double w = *low + (*high - *low) * point / kPoints;
+    const double w = low + (high - low) * point / kPoints;
     if (std::abs(PhasorAt(u, z, w).value) > tolerance * (1.0 + 1e-9) + 1e-12) return false;
   }
   return humps_inside;
