@@ -112,6 +112,7 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   // replacement has made it stale.
   bool ProducerExhausted();
   void ResumeIfReplaced();
+  bool ReplacedMeanwhile();
   void QueueUnlessReplaced(WindowPayload& window);
 
  private:

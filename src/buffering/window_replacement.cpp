@@ -192,15 +192,35 @@ bool AsyncWindowBuffer::Impl::ProducerExhausted() {
   return exhausted;
 }
 
+// A resumption is taken only between replacements, so that it matches the reference; should a
+// later replacement shorten the reference while the producer resumes, the resumption it failed
+// is superseded, and the later one is taken instead.
 void AsyncWindowBuffer::Impl::ResumeIfReplaced() {
-  std::optional<PendingResume> pending;
-  {
-    auto lock = Lock();
-    pending.swap(replacement->pending);
+  while (true) {
+    std::optional<PendingResume> pending;
+    {
+      auto lock = Lock();
+      cv.wait(lock, [this] { return !replacement->fenced || stop_requested; });
+      pending.swap(replacement->pending);
+    }
+    if (!pending) return;
+    replacement->adopted_plan = pending->plan;
+    try {
+      replacement->producer.Resume(pending->start_index, pending->previous_command);
+      return;
+    } catch (...) {
+      if (!ReplacedMeanwhile()) throw;
+    }
   }
-  if (!pending) return;
-  replacement->adopted_plan = pending->plan;
-  replacement->producer.Resume(pending->start_index, pending->previous_command);
+}
+
+// Whether a replacement came while the producer was producing: then what the producer threw
+// concerned the plan that replacement ended (its cursor may lie past a shortened reference), and
+// the production step takes it as nothing ready; the next step resumes the producer at the join.
+bool AsyncWindowBuffer::Impl::ReplacedMeanwhile() {
+  auto lock = Lock();
+  cv.wait(lock, [this] { return !replacement->fenced || stop_requested; });
+  return replacement->fenced || replacement->pending.has_value();
 }
 
 // The plan is stamped and what the join point needs is allocated before the lock is taken, and

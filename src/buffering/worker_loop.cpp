@@ -184,7 +184,12 @@ bool AsyncWindowBuffer::Impl::WaitForRoom() {
 std::optional<WindowPayload> AsyncWindowBuffer::Impl::ProduceWindow() {
   if (replacement) ResumeIfReplaced();
   const auto t0 = std::chrono::steady_clock::now();
-  std::optional<WindowPayload> window = producer->ProduceNext();
+  std::optional<WindowPayload> window;
+  try {
+    window = producer->ProduceNext();
+  } catch (...) {
+    if (!replacement || !ReplacedMeanwhile()) throw;
+  }
   const auto t1 = std::chrono::steady_clock::now();
   if (!window) return std::nullopt;  // nothing ready: nothing recorded
   Charge(*window, t0, t1);
@@ -197,11 +202,15 @@ bool AsyncWindowBuffer::Impl::ProduceIntoSpare() {
   if (replacement) ResumeIfReplaced();
   const auto t0 = std::chrono::steady_clock::now();
   bool produced = false;
-  if (recycling != nullptr) {
-    produced = recycling->ProduceNextInto(spare);
-  } else if (std::optional<WindowPayload> window = producer->ProduceNext()) {
-    spare = std::move(*window);  // what spare held is freed here, on the worker
-    produced = true;
+  try {
+    if (recycling != nullptr) {
+      produced = recycling->ProduceNextInto(spare);
+    } else if (std::optional<WindowPayload> window = producer->ProduceNext()) {
+      spare = std::move(*window);  // what spare held is freed here, on the worker
+      produced = true;
+    }
+  } catch (...) {
+    if (!replacement || !ReplacedMeanwhile()) throw;
   }
   const auto t1 = std::chrono::steady_clock::now();
   if (produced) Charge(spare, t0, t1);
