@@ -207,11 +207,17 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   // window handed out (the first sample of the stream before any). A snapshot: a pop on another
   // thread may raise it at once. Throws std::runtime_error when the producer cannot resume.
   std::size_t EarliestReplaceableIndex() const;
-  // Ends the motion as soon as possible: from EarliestReplaceableIndex(), taken in the same step,
-  // the reference holds the position last commanded (the last row handed out, or the first
-  // reference sample before any) for hold_samples samples and finishes, so that the solver
-  // brings the machine to rest. Throws std::invalid_argument when hold_samples is 0 or before the
-  // first reference sample, and otherwise as ReplaceReference.
+  // Ends the motion as soon as possible without a kink: from EarliestReplaceableIndex(), taken in
+  // the same step, the reference goes on from the position, velocity and acceleration it has at
+  // the sample before, brakes to rest with a velocity falling along a cubic, holds the position
+  // it rests at for hold_samples samples and finishes, so that the solver brings the machine to
+  // rest. The braking lasts the fewest samples in which no joint brakes harder or changes its
+  // acceleration faster than the stored reference ever does (its largest second and third
+  // differences), and at most as many samples as are stored; it reads the stored reference once.
+  // A reference that never accelerates sets no such limit: its position at the sample before is
+  // held at once (and its first sample, before any is handed out). Throws std::invalid_argument
+  // when hold_samples is 0 or before the first reference sample, and otherwise as
+  // ReplaceReference.
   ReferenceReplacement StopSmoothly(std::size_t hold_samples);
   // The replacements so far and the windows they discarded; a snapshot in constant time.
   // Discarded windows count in Totals() as produced windows. Qualify() judges each one against the

@@ -116,10 +116,12 @@ void BindWindowReplacement(const py::object& buffer) {
             "handed out. Raises RuntimeError when the producer cannot resume.");
   AddMethod(buffer, "StopSmoothly", &Buffer::StopSmoothly, py::arg("hold_samples"),
             py::call_guard<py::gil_scoped_release>(),
-            "Ends the motion as soon as possible: from EarliestReplaceableIndex() the reference "
-            "holds the last commanded position for hold_samples samples and finishes. Returns a "
-            "ReferenceReplacement. Raises ValueError when hold_samples is 0, otherwise as "
-            "ReplaceReference.");
+            "Ends the motion as soon as possible without a kink: from EarliestReplaceableIndex() "
+            "the reference goes on from its position, velocity and acceleration, brakes to rest "
+            "no harder and with its acceleration changing no faster than the stored reference "
+            "ever does, holds the rest position for hold_samples samples and finishes (a "
+            "reference that never accelerates is held at once). Returns a ReferenceReplacement. "
+            "Raises ValueError when hold_samples is 0, otherwise as ReplaceReference.");
   AddMethod(buffer, "Replacements", &Buffer::Replacements,
             "The ReplacementTotals so far; a snapshot. Qualify() judges each discarded window "
             "against the limit with the duration it was produced for, and counts its compute time "

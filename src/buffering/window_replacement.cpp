@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "buffering/async_window_buffer_impl.hpp"
+#include "buffering/braking_stop.hpp"
 
 namespace corvane::control::window {
 namespace {
@@ -108,17 +109,16 @@ ReferenceReplacement CommitTail(ReplacementState& state, WindowStatistics& stati
   return {held.start_index, stop_index, held.resume_index, held.windows.size(), state.plan};
 }
 
-// The samples of a smooth stop: the last command, or before any the first reference sample, held.
-SampleMatrix HeldCommand(const AppendableReferenceBuffer& reference,
-                         const std::optional<CommandSample>& previous_command,
+// The samples of a smooth stop from the reference's sample `start` on: the stored reference
+// braked to rest (see BrakingStop), then held.
+SampleMatrix StopSamples(const AppendableReferenceBuffer& reference, std::size_t start,
                          std::size_t hold_samples) {
-  if (previous_command) {
-    return previous_command->positions.replicate(static_cast<Eigen::Index>(hold_samples), 1);
-  }
   if (reference.available_samples() == 0) {
     throw std::invalid_argument("StopSmoothly() needs a first reference sample.");
   }
-  return reference.WindowWithTerminalPadding(0, hold_samples).positions;
+  // A start the retention has dropped is refused by ReplaceReference, naming the first kept one.
+  const std::size_t first = reference.first_retained_sample();
+  return BrakingStop(reference.PositionsCopy(), start > first ? start - first : 0, hold_samples);
 }
 
 }  // namespace
@@ -157,7 +157,7 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
                 ? reference.ReplaceReference(held.start_index - first, *samples, finish)
                 : reference.ReplaceReference(
                       held.start_index - first,
-                      HeldCommand(reference, held.previous_command, hold_samples), true);
+                      StopSamples(reference, held.start_index - first, hold_samples), true);
     range.stop_index += first;
     reference.KeepFrom(held.resume_index - first);  // the worker reads again from there
   } catch (...) {
