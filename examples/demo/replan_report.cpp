@@ -79,6 +79,21 @@ void PrintJoins(const std::vector<ShapedReplan>& runs) {
   }
 }
 
+void PrintStops(const std::vector<ShapedReplan>& runs) {
+  std::printf(
+      "\nThe stop brakes the plan to rest no harder, and changes its acceleration no faster,\n"
+      "than the plan itself does, then holds; the payload's largest deflection from the stop on,\n"
+      "against the largest before the changes\n");
+  std::printf("run          braking [ms]  beyond the join [mrad]  deflection [mrad]  before\n");
+  for (const ShapedReplan& shaped : runs) {
+    const cp::StopFigures& stop = shaped.run.replanned.stop;
+    std::printf("%-12s %12.0f %23.1f %18.2f %7.2f\n", shaped.name.c_str(),
+                static_cast<double>(stop.braking_samples) * cp::kSampleTimeS * 1e3,
+                1e3 * stop.braking_distance_rad, 1e3 * stop.peak_deflection_rad,
+                1e3 * stop.moving_deflection_rad);
+  }
+}
+
 void PrintVibration(const std::vector<ShapedReplan>& runs, const cs::VibrationMode& mode) {
   std::printf(
       "\nResidual vibration after the re-targeted move (fitted %.2f s to %.2f s after its end)\n"
@@ -219,6 +234,7 @@ void PrintPlanChanges(cp::PlantExperiment& experiment, const std::vector<cp::Sha
   }
   PrintIntro(runs.front().run);
   PrintJoins({runs.front(), runs[tuned_run]});
+  PrintStops({runs.front(), runs[tuned_run]});
   PrintVibration(runs, experiment.mode().measured.mode);
   PrintBookkeeping(runs[tuned_run], simulated_s, wall_s, runs.size());
   if (!plot_path.empty()) {

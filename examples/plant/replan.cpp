@@ -122,6 +122,18 @@ CommandSteps LargestSteps(const std::vector<Eigen::VectorXd>& steps, Eigen::Inde
   return {largest[0], largest[1], largest[2]};
 }
 
+// The stop's braking in the stored plan, and the payload's deflection after it and before the
+// first change.
+StopFigures MeasureStop(const LockstepRun& run, Eigen::Index first_change, Eigen::Index stop) {
+  const cw::SampleMatrix& plan = run.reference;
+  Eigen::Index rest = plan.rows() - 1;
+  while (rest > stop && plan.row(rest - 1) == plan.row(rest)) --rest;
+  const Eigen::Index played = run.deflection.size();
+  return {rest - stop + 1, (plan.row(rest) - plan.row(stop - 1)).cwiseAbs().maxCoeff(),
+          run.deflection.tail(played - stop).cwiseAbs().maxCoeff(),
+          run.deflection.head(first_change).cwiseAbs().maxCoeff()};
+}
+
 }  // namespace
 
 ReplannedStream RunReplanned(FlexibleArm& arm, const std::optional<cs::ImpulseSequence>& shaper,
@@ -147,6 +159,9 @@ ReplannedStream RunReplanned(FlexibleArm& arm, const std::optional<cs::ImpulseSe
         {LargestSteps(steps, join, join + 1, {}), LargestSteps(steps, 0, samples, joins)});
   }
   replanned.before_changes = LargestSteps(steps, 0, joins.front(), {});
+  replanned.stop =
+      MeasureStop(replanned.stream, joins.front(),
+                  static_cast<Eigen::Index>(replanned.changes.back().replacement.start_index));
   return replanned;
 }
 

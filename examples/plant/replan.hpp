@@ -43,12 +43,21 @@ struct JoinSteps {
   CommandSteps elsewhere;
 };
 
+// How the smooth stop brought the arm to rest.
+struct StopFigures {
+  Eigen::Index braking_samples = 0;    // from the stop's first sample until the plan rests
+  double braking_distance_rad = 0.0;   // [rad] rest less the plan's last sample kept, largest
+  double peak_deflection_rad = 0.0;    // [rad] largest payload deflection from the stop on
+  double moving_deflection_rad = 0.0;  // [rad] largest payload deflection before the changes
+};
+
 // A lockstep run whose plan changed twice: first the goal, then a stop.
 struct ReplannedStream {
   LockstepRun stream;               // its moves: the re-targeted move alone, as re-planned
   std::vector<PlanChange> changes;  // the new goal, then the stop
   std::vector<JoinSteps> joins;     // at each change's resume_index, in the same order
   CommandSteps before_changes;      // the largest steps before the first join
+  StopFigures stop;
 };
 
 // Plays the plan above through the lifted-MPC solver, behind the online shaping stage when a
