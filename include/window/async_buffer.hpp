@@ -213,11 +213,12 @@ class CORVANE_EXPORT AppendableWindowBuffer : public AsyncWindowBuffer {
   // it rests at for hold_samples samples and finishes, so that the solver brings the machine to
   // rest. The braking lasts the fewest samples in which no joint brakes harder or changes its
   // acceleration faster than the stored reference ever does (its largest second and third
-  // differences), and at most as many samples as are stored; it reads the stored reference once.
-  // A reference that never accelerates sets no such limit: its position at the sample before is
-  // held at once (and its first sample, before any is handed out). Throws std::invalid_argument
-  // when hold_samples is 0 or before the first reference sample, and otherwise as
-  // ReplaceReference.
+  // differences), and at most as many samples as are stored. Those are read block by block on the
+  // calling thread before the queued windows are taken out, so the stream goes on meanwhile
+  // (about 90 ms per million samples of six joints; a retention bounds it). A reference that never
+  // accelerates sets no such limit: its position at the sample before is held at once (and its
+  // first sample, before any is handed out). Throws std::invalid_argument when hold_samples is 0
+  // or before the first reference sample, and otherwise as ReplaceReference.
   ReferenceReplacement StopSmoothly(std::size_t hold_samples);
   // The replacements so far and the windows they discarded; a snapshot in constant time.
   // Discarded windows count in Totals() as produced windows. Qualify() judges each one against the

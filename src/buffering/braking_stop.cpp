@@ -67,14 +67,13 @@ Peaks BrakingPeaks(double v0, double a0, double samples) {
           std::max(std::abs(c1), std::abs(c1 + 2.0 * c2)) / samples / samples};
 }
 
-// Whether braking every joint over `samples` stays within the plan's differences; a joint that
-// the plan never accelerates sets no limit.
-bool WithinLimits(const RowState& from, const Eigen::RowVectorXd& largest_acceleration,
-                  const Eigen::RowVectorXd& largest_jerk, double samples) {
+// Whether braking every joint over `samples` stays within the limits; a joint that the plan never
+// accelerates sets no limit.
+bool WithinLimits(const RowState& from, const ReferenceLimits& limits, double samples) {
   for (Eigen::Index joint = 0; joint < from.position.size(); ++joint) {
     const Peaks peaks = BrakingPeaks(from.velocity(joint), from.acceleration(joint), samples);
-    const double acceleration_limit = largest_acceleration(joint) * kLimitSlack;
-    const double jerk_limit = largest_jerk(joint) * kLimitSlack;
+    const double acceleration_limit = limits.acceleration(joint) * kLimitSlack;
+    const double jerk_limit = limits.jerk(joint) * kLimitSlack;
     if ((acceleration_limit > 0.0 && peaks.acceleration > acceleration_limit) ||
         (jerk_limit > 0.0 && peaks.jerk > jerk_limit)) {
       return false;
@@ -83,19 +82,18 @@ bool WithinLimits(const RowState& from, const Eigen::RowVectorXd& largest_accele
   return true;
 }
 
-// The fewest samples, at most `longest`, over which the braking stays within the plan's
-// differences; 0 when the plan sets no limit on a joint that moves, or its figures overflowed.
-Eigen::Index BrakingSamples(const SampleMatrix& plan, const RowState& from, Eigen::Index longest) {
-  const Eigen::RowVectorXd largest_acceleration = LargestDifference(plan, 2);
-  const Eigen::RowVectorXd largest_jerk = LargestDifference(plan, 3);
+// The fewest samples, at most `longest`, over which the braking stays within the limits; 0 when
+// they limit no joint that moves, or the figures overflowed.
+Eigen::Index BrakingSamples(const RowState& from, const ReferenceLimits& limits,
+                            Eigen::Index longest) {
   const bool moving =
       (from.velocity.array() != 0.0).any() || (from.acceleration.array() != 0.0).any();
-  const bool limited = (largest_acceleration.array() > 0.0).any();
+  const bool limited = (limits.acceleration.array() > 0.0).any();
   const bool finite = from.velocity.allFinite() && from.acceleration.allFinite() &&
-                      largest_acceleration.allFinite() && largest_jerk.allFinite();
+                      limits.acceleration.allFinite() && limits.jerk.allFinite();
   if (!moving || !limited || !finite) return 0;
   const auto fits = [&](Eigen::Index samples) {
-    return WithinLimits(from, largest_acceleration, largest_jerk, static_cast<double>(samples));
+    return WithinLimits(from, limits, static_cast<double>(samples));
   };
   // Double until it fits, then halve the interval down to the fewest samples that fit.
   Eigen::Index fitting = 1;
@@ -129,18 +127,59 @@ SampleMatrix Held(const Eigen::RowVectorXd& position, std::size_t hold_samples) 
 
 }  // namespace
 
-SampleMatrix BrakingStop(const SampleMatrix& plan, std::size_t join, std::size_t hold_samples) {
-  if (plan.rows() == 0) throw std::invalid_argument("plan must hold at least one sample.");
-  if (join > static_cast<std::size_t>(plan.rows())) {
-    throw std::invalid_argument("join must not exceed the plan's samples.");
+ReferenceLimits LimitsOf(const SampleMatrix& plan) {
+  return {LargestDifference(plan, 2), LargestDifference(plan, 3),
+          static_cast<std::size_t>(plan.rows())};
+}
+
+// Each block starts three samples before the first sample not read yet, so that every difference
+// lies whole in one block. A copy refused because the retention dropped its start, or because the
+// reference was cut short meanwhile, moves the start on or the end back, so the loop ends.
+ReferenceLimits ReadLimits(const AppendableReferenceBuffer& reference, std::size_t block_samples) {
+  if (block_samples == 0) throw std::invalid_argument("block_samples must be positive.");
+  std::size_t next = reference.first_retained_sample();
+  std::size_t stop = reference.available_samples();
+  const std::size_t first = next;
+  ReferenceLimits limits;
+  SampleMatrix block;
+  while (next < stop) {
+    const std::size_t kept = reference.first_retained_sample();
+    next = std::max(next, kept);
+    const std::size_t from = std::max(kept, next - std::min<std::size_t>(next, 3));
+    const std::size_t to = std::min(stop, next + block_samples);
+    if (next >= to) break;
+    try {
+      reference.CopyWindowWithTerminalPadding(from, to, block);
+    } catch (const std::invalid_argument&) {
+      stop = std::min(stop, reference.available_samples());
+      continue;
+    }
+    const ReferenceLimits read = LimitsOf(block);
+    if (limits.samples == 0) {
+      limits = read;
+    } else {
+      limits.acceleration = limits.acceleration.cwiseMax(read.acceleration);
+      limits.jerk = limits.jerk.cwiseMax(read.jerk);
+    }
+    limits.samples = to - first;
+    next = to;
   }
-  if (join == 0) return Held(plan.row(0), hold_samples);
-  const RowState from = StateAt(plan, static_cast<Eigen::Index>(join) - 1);
-  const Eigen::Index samples = BrakingSamples(plan, from, plan.rows());
+  return limits;
+}
+
+SampleMatrix BrakingStop(const SampleMatrix& before, const ReferenceLimits& limits,
+                         std::size_t hold_samples) {
+  if (before.rows() == 0) throw std::invalid_argument("before must hold at least one sample.");
+  if (limits.acceleration.size() != before.cols() || limits.jerk.size() != before.cols()) {
+    throw std::invalid_argument("limits must hold one value per joint of before.");
+  }
+  const RowState from = StateAt(before, before.rows() - 1);
+  const Eigen::Index samples = BrakingSamples(
+      from, limits, std::max<Eigen::Index>(1, static_cast<Eigen::Index>(limits.samples)));
   if (samples == 0) return Held(from.position, hold_samples);
   const SampleMatrix braking = BrakingRows(from, samples);
   if (!braking.allFinite()) return Held(from.position, hold_samples);
-  SampleMatrix stop(samples + static_cast<Eigen::Index>(hold_samples), plan.cols());
+  SampleMatrix stop(samples + static_cast<Eigen::Index>(hold_samples), before.cols());
   stop.topRows(samples) = braking;
   stop.bottomRows(static_cast<Eigen::Index>(hold_samples)) =
       Held(braking.row(samples - 1), hold_samples);

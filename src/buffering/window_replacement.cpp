@@ -5,6 +5,7 @@
 // No producer call and no reference call happens under the buffer's lock, and the buffer's lock
 // and the reference's lock are never held together. Only the serial lock of the replacements is
 // held across the steps.
+#include <algorithm>
 #include <deque>
 #include <list>
 #include <stdexcept>
@@ -110,15 +111,23 @@ ReferenceReplacement CommitTail(ReplacementState& state, WindowStatistics& stati
 }
 
 // The samples of a smooth stop from the reference's sample `start` on: the stored reference
-// braked to rest (see BrakingStop), then held.
+// braked to rest within `limits` (see BrakingStop), then held.
 SampleMatrix StopSamples(const AppendableReferenceBuffer& reference, std::size_t start,
-                         std::size_t hold_samples) {
+                         const ReferenceLimits& limits, std::size_t hold_samples) {
   if (reference.available_samples() == 0) {
     throw std::invalid_argument("StopSmoothly() needs a first reference sample.");
   }
-  // A start the retention has dropped is refused by ReplaceReference, naming the first kept one.
-  const std::size_t first = reference.first_retained_sample();
-  return BrakingStop(reference.PositionsCopy(), start > first ? start - first : 0, hold_samples);
+  // With no sample before the join kept (none yet, or dropped by the retention, which
+  // ReplaceReference then refuses, naming the first kept one) the first kept sample is held.
+  const std::size_t kept = reference.first_retained_sample();
+  if (start <= kept) {
+    return reference.WindowWithTerminalPadding(kept, kept + 1)
+        .positions.replicate(static_cast<Eigen::Index>(hold_samples), 1);
+  }
+  const std::size_t from = std::max(kept, start - std::min<std::size_t>(start, 3));
+  const SampleMatrix before = reference.WindowWithTerminalPadding(from, start).positions;
+  // Limits read before the first sample was stored are those of the samples before the join.
+  return BrakingStop(before, limits.samples > 0 ? limits : LimitsOf(before), hold_samples);
 }
 
 }  // namespace
@@ -135,6 +144,9 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
                                                       std::size_t hold_samples, bool finish) {
   ReplacementState& state = *replacement;
   std::lock_guard<std::mutex> serial(state.serial);
+  // A stop reads the stored reference before the fence goes up, so that the worker goes on
+  // producing meanwhile.
+  const ReferenceLimits limits = samples == nullptr ? ReadLimits(reference) : ReferenceLimits{};
   HeldTail held;
   {
     auto lock = Lock();
@@ -157,7 +169,7 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
                 ? reference.ReplaceReference(held.start_index - first, *samples, finish)
                 : reference.ReplaceReference(
                       held.start_index - first,
-                      StopSamples(reference, held.start_index - first, hold_samples), true);
+                      StopSamples(reference, held.start_index - first, limits, hold_samples), true);
     range.stop_index += first;
     reference.KeepFrom(held.resume_index - first);  // the worker reads again from there
   } catch (...) {

@@ -48,6 +48,12 @@ double Largest(const SampleMatrix& rows, int order, Eigen::Index joint) {
   return Differences(rows, order).col(joint).cwiseAbs().maxCoeff();
 }
 
+// The stop that follows sample join - 1 of `plan`, within the plan's limits.
+SampleMatrix StopAfter(const SampleMatrix& plan, Eigen::Index join) {
+  const Eigen::Index before = std::min<Eigen::Index>(join, 3);
+  return BrakingStop(plan.middleRows(join - before, before), LimitsOf(plan), std::size_t{kHold});
+}
+
 TEST(BrakingStopTest, BrakesWithoutAKinkWithinThePlansLimitsAndRests) {
   struct Case {
     const char* name;
@@ -62,7 +68,7 @@ TEST(BrakingStopTest, BrakesWithoutAKinkWithinThePlansLimitsAndRests) {
         Case{"cruising where the acceleration limits", 250, true, CosineMove()}}) {
     SCOPED_TRACE(c.name);
     const SampleMatrix& plan = c.plan;
-    const SampleMatrix stop = BrakingStop(plan, c.join, std::size_t{kHold});
+    const SampleMatrix stop = StopAfter(plan, Eigen::Index(c.join));
     const auto join = static_cast<Eigen::Index>(c.join);
     SampleMatrix spliced(join + stop.rows(), plan.cols());
     spliced << plan.topRows(join), stop;
@@ -94,7 +100,7 @@ TEST(BrakingStopTest, BrakesWithoutAKinkWithinThePlansLimitsAndRests) {
   }
 }
 
-TEST(BrakingStopTest, HoldsAtOnceWhatItCannotBrakeAndRefusesNoPlan) {
+TEST(BrakingStopTest, HoldsAtOnceWhatItCannotBrakeAndRefusesWhatItCannotRead) {
   struct Case {
     const char* name;
     SampleMatrix plan;
@@ -106,14 +112,13 @@ TEST(BrakingStopTest, HoldsAtOnceWhatItCannotBrakeAndRefusesNoPlan) {
   SampleMatrix overflowing(4, 1);
   overflowing << 1.7e308, -1.7e308, 1.7e308, -1.7e308;
   const SampleMatrix huge = 1e307 * parabola;
-  for (const Case& c : {Case{"before the first sample", SCurveMove(), 0, 0},
-                        Case{"a ramp that never accelerates",
+  for (const Case& c : {Case{"a ramp that never accelerates",
                              SampleMatrix(Eigen::VectorXd::LinSpaced(50, 0.0, 49.0)), 30, 29},
                         Case{"differences that overflow", overflowing, 4, 3},
                         Case{"a braking that would overflow", huge, 4, 3},
                         Case{"braking no longer than the plan", parabola, 4, -1}}) {
     SCOPED_TRACE(c.name);
-    const SampleMatrix stop = BrakingStop(c.plan, c.join, std::size_t{kHold});
+    const SampleMatrix stop = StopAfter(c.plan, Eigen::Index(c.join));
     if (c.held_row >= 0) {
       EXPECT_EQ(stop, c.plan.row(c.held_row).replicate(kHold, 1));
     } else {
@@ -121,16 +126,39 @@ TEST(BrakingStopTest, HoldsAtOnceWhatItCannotBrakeAndRefusesNoPlan) {
       EXPECT_TRUE(stop.allFinite());
     }
   }
-  const auto message = [](const SampleMatrix& plan, std::size_t join) {
+  const auto message = [](const SampleMatrix& before, const ReferenceLimits& limits) {
     try {
-      BrakingStop(plan, join, std::size_t{kHold});
+      BrakingStop(before, limits, std::size_t{kHold});
     } catch (const std::invalid_argument& error) {
       return std::string(error.what());
     }
     return std::string("no error");
   };
-  EXPECT_EQ(message(SampleMatrix(0, 1), 0), "plan must hold at least one sample.");
-  EXPECT_EQ(message(SCurveMove(), 461), "join must not exceed the plan's samples.");
+  EXPECT_EQ(message(SampleMatrix(0, 1), LimitsOf(parabola)),
+            "before must hold at least one sample.");
+  EXPECT_EQ(message(SCurveMove().topRows(3), LimitsOf(parabola)),
+            "limits must hold one value per joint of before.");
+}
+
+// Read block by block, overlapping by three samples, a stored reference gives the limits of its
+// kept samples whatever the block; with a retention, of the retained ones.
+TEST(BrakingStopTest, ReadsTheLimitsOfTheKeptSamplesWhateverTheBlock) {
+  const SampleMatrix plan = SCurveMove();
+  AppendableReferenceBuffer stored(2);
+  AppendableReferenceBuffer retained(2, 100);
+  stored.AppendReference(plan);
+  retained.AppendReference(plan);
+  for (const std::size_t block : {1u, 2u, 3u, 4u, 7u, 4096u}) {
+    SCOPED_TRACE(block);
+    const ReferenceLimits read = ReadLimits(stored, block);
+    const ReferenceLimits expected = LimitsOf(plan);
+    EXPECT_EQ(read.acceleration, expected.acceleration);
+    EXPECT_EQ(read.jerk, expected.jerk);
+    EXPECT_EQ(read.samples, 460u);
+    const ReferenceLimits tail = LimitsOf(plan.bottomRows(100));
+    EXPECT_EQ(ReadLimits(retained, block).jerk, tail.jerk);
+  }
+  EXPECT_THROW(ReadLimits(stored, 0), std::invalid_argument);
 }
 
 }  // namespace
