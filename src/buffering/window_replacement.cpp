@@ -149,9 +149,6 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
       throw;
     }
   }
-  // A worker asleep for the room the tail has freed wakes while the reference is replaced, and
-  // waits at the fence only if it gets there before the commit.
-  if (!held.windows.empty()) cv.notify_all();
 
   AppendedRange range;
   try {

@@ -3,8 +3,7 @@
 //
 // A replacement runs in three steps on the caller's thread. Under the buffer's lock it checks the
 // index and takes the queued windows from it on out of the queue, leaving a fence up that holds the
-// worker's next queueing step, and wakes a worker asleep for the room they leave, so that it wakes
-// while the reference changes. Without the lock it replaces the reference (under the reference's
+// worker's next queueing step. Without the lock it replaces the reference (under the reference's
 // own lock). Under the buffer's lock again it commits: the plan number grows, the windows taken
 // out are discarded and the worker is told where to resume; or, when the reference refused, the
 // windows go back and nothing has changed. The worker resumes its producer at its next production
