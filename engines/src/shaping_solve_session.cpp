@@ -27,12 +27,8 @@ ShapingSolveSession::ShapingSolveSession(std::unique_ptr<cw::LiftedMpcSolveSessi
     : solver_(std::move(solver)) {
   if (!solver_) throw std::invalid_argument("solver must not be null.");
   taps_ = std::make_shared<const ShapingTaps>(shaper, sample_time_s);
-  history_ = std::make_unique<ReferenceHistory>(taps_->history_rows());
+  history_ = std::make_shared<ReferenceHistory>(taps_->history_rows());
 }
-
-ShapingSolveSession::ShapingSolveSession(ShapingSolveSession&&) noexcept = default;
-ShapingSolveSession& ShapingSolveSession::operator=(ShapingSolveSession&&) noexcept = default;
-ShapingSolveSession::~ShapingSolveSession() = default;
 
 void ShapingSolveSession::Prepare() {
   history_->Reset();

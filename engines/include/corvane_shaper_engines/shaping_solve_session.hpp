@@ -36,13 +36,6 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   // Throws std::invalid_argument naming the argument at fault.
   ShapingSolveSession(std::unique_ptr<control::window::LiftedMpcSolveSession> solver,
                       ImpulseSequence shaper, double sample_time_s);
-  // Takes the other session's state; the other holds none afterwards.
-  ShapingSolveSession(ShapingSolveSession&& other) noexcept;
-  // Takes the other session's state and drops the state held before.
-  ShapingSolveSession& operator=(ShapingSolveSession&& other) noexcept;
-  ShapingSolveSession(const ShapingSolveSession&) = delete;
-  ShapingSolveSession& operator=(const ShapingSolveSession&) = delete;
-  ~ShapingSolveSession() override;
 
   // Forgets the history, so that the next request starts the reference at its first row, and
   // prepares the wrapped solver.
@@ -71,8 +64,10 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
 
  private:
   std::unique_ptr<control::window::LiftedMpcSolveSession> solver_;
-  std::shared_ptr<const ShapingTaps> taps_;    // the shaper as a filter, built once
-  std::unique_ptr<ReferenceHistory> history_;  // the applied reference rows the taps read
+  std::shared_ptr<const ShapingTaps> taps_;  // the shaper as a filter, built once
+  // The applied reference rows the taps read; held alone, shared_ptr only to keep the class movable
+  // with the type declared here.
+  std::shared_ptr<ReferenceHistory> history_;
 };
 
 }  // namespace corvane::control::engines
