@@ -163,6 +163,13 @@ class ScheduledTaps {
   std::vector<std::array<std::optional<Design>, 2>> designs_;  // per stage, the last two
 };
 
+// The taps as the stage's shaper.
+ShapeRows ShapeBy(ScheduledTaps& taps) {
+  return [&taps](const cw::SampleMatrix& source, Eigen::Index first, Eigen::Index rows) {
+    return taps.Shape(source, first, rows);
+  };
+}
+
 }  // namespace
 
 struct ScheduledShapingSession::Impl {
@@ -205,10 +212,17 @@ void ScheduledShapingSession::Prepare() {
 void ScheduledShapingSession::Finalize() { impl_->solver->Finalize(); }
 
 cw::WindowPayload ScheduledShapingSession::Solve(const cw::WindowSlice& request) {
-  ScheduledTaps& taps = impl_->taps;
-  return SolveShaped(request, impl_->history, *impl_->solver,
-                     [&taps](const cw::SampleMatrix& source, Eigen::Index first,
-                             Eigen::Index rows) { return taps.Shape(source, first, rows); });
+  return SolveShaped(request, impl_->history, *impl_->solver, ShapeBy(impl_->taps));
+}
+
+bool ScheduledShapingSession::CanResume() const { return Resumable(*impl_->solver) != nullptr; }
+
+std::size_t ScheduledShapingSession::ResumeHistorySamples() const {
+  return ResumeRows(impl_->history, *impl_->solver);
+}
+
+void ScheduledShapingSession::ResumeFrom(const cw::SolveResumePoint& point) {
+  ResumeShaped(point, impl_->history, *impl_->solver, ShapeBy(impl_->taps));
 }
 
 }  // namespace corvane::control::engines
