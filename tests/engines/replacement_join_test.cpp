@@ -2,7 +2,6 @@
 // shaping stage shapes the spliced reference as offline shaping does.
 #include <algorithm>
 #include <cmath>
-#include <functional>
 #include <memory>
 #include <random>
 #include <utility>
@@ -81,35 +80,24 @@ TEST(ReplacementJoinTest, TheCommandStepsAtTheJoinNoMoreThanAnywhereElse) {
   }
 }
 
-// The fixed and the scheduled stage, whose ZV shaper follows the position from 14 to 11 Hz: a
-// stage that resumes with stale or too few rows before the join, or none, strays from offline.
+// The fixed stage, and the scheduled one whose ZV shaper follows the position from 14 to 11 Hz.
 TEST(ReplacementJoinTest, ShapingAcrossAJoinEqualsOfflineShapingOfTheSplicedReference) {
   const ImpulseSequence shaper = ZvdShaper({12.0, 0.05});
-  ShaperSchedule schedule;
-  schedule.modes = [](const Eigen::RowVectorXd& pose) {
-    return std::vector<VibrationMode>{{13.0 - 2.0 * pose(0), 0.05}};
-  };
-  schedule.longest_shaper_s = 0.046;
-  using Stage = std::unique_ptr<cw::LiftedMpcSolveSession>;
-  const std::function<std::pair<Stage, cw::SampleMatrix>(const cw::SampleMatrix&)> stages[] = {
-      [&](const cw::SampleMatrix& spliced) {
-        return std::pair(
-            std::make_unique<ShapingSolveSession>(
-                std::make_unique<cw::testing::ResumableFollowSolver>(), shaper, kSampleTimeS),
-            ShapeSamples(spliced, kSampleTimeS, shaper));
-      },
-      [&](const cw::SampleMatrix& spliced) {
-        return std::pair(
-            std::make_unique<ScheduledShapingSession>(
-                std::make_unique<cw::testing::ResumableFollowSolver>(), schedule, kSampleTimeS),
-            ShapeSamples(spliced, kSampleTimeS, schedule));
-      }};
-  for (const auto& stage : stages) {
-    for (const std::size_t join : Joins()) {
-      SCOPED_TRACE(join);
-      SCOPED_TRACE(&stage - stages);
-      auto [session, offline] = stage(Reference(join + 350, join));
-      const cw::SampleMatrix shaped = Stream(std::move(session), join, nullptr);
+  const ShaperSchedule schedule{[](const Eigen::RowVectorXd& pose) {
+                                  return std::vector<VibrationMode>{{13.0 - 2.0 * pose(0), 0.05}};
+                                },
+                                ShaperKind::kZv, kDefaultVibrationTolerance, 0.046};
+  const auto follow = [] { return std::make_unique<cw::testing::ResumableFollowSolver>(); };
+  for (const std::size_t join : Joins()) {
+    SCOPED_TRACE(join);
+    const cw::SampleMatrix spliced = Reference(join + 350, join);
+    const std::pair<cw::SampleMatrix, cw::SampleMatrix> shaped_and_offline[] = {
+        {Stream(std::make_unique<ShapingSolveSession>(follow(), shaper, kSampleTimeS), join, {}),
+         ShapeSamples(spliced, kSampleTimeS, shaper)},
+        {Stream(std::make_unique<ScheduledShapingSession>(follow(), schedule, kSampleTimeS), join,
+                {}),
+         ShapeSamples(spliced, kSampleTimeS, schedule)}};
+    for (const auto& [shaped, offline] : shaped_and_offline) {
       EXPECT_LE((shaped - offline).cwiseAbs().maxCoeff(), 1e-12);
     }
   }

@@ -22,7 +22,7 @@ namespace {
 // The scheduled shaping stage as Python builds it: it also notes the solver object it wraps, so
 // that the garbage collector sees that hold. Its schedule, a Python callable, is called with the
 // GIL taken.
-class ScheduledSession final : public cw::LiftedMpcSolveSession {
+class ScheduledSession final : public cw::LiftedMpcSolveSession, public cw::ResumableSolveSession {
  public:
   ScheduledSession(const py::object& solver, ce::ShaperSchedule schedule, double sample_time_s)
       : session_(AdoptSolveSession(solver, "solver"), std::move(schedule), sample_time_s),
@@ -33,6 +33,9 @@ class ScheduledSession final : public cw::LiftedMpcSolveSession {
     return session_.Solve(request);
   }
   void Finalize() override { session_.Finalize(); }
+  bool CanResume() const override { return session_.CanResume(); }
+  std::size_t ResumeHistorySamples() const override { return session_.ResumeHistorySamples(); }
+  void ResumeFrom(const cw::SolveResumePoint& point) override { session_.ResumeFrom(point); }
 
   static py::handle Held(const ScheduledSession& session) { return session.solver_; }
 
@@ -131,8 +134,8 @@ void BindScheduling(py::module_& engines) {
       engines, "ScheduledShapingSession",
       "A LiftedMpcSolveSession like ShapingSolveSession whose shaper follows the pose by a "
       "ShaperSchedule; the applied rows of the shaped stream equal ShapeSamples() of the stored "
-      "reference with the schedule. Give it to an AppendableLiftedMpcWindowProducer, which owns "
-      "it from then on.",
+      "reference with the schedule, and after a replacement, those of the spliced reference. Give "
+      "it to an AppendableLiftedMpcWindowProducer, which owns it from then on.",
       Collectable<ScheduledSession, &ScheduledSession::Held>(nullptr), py::is_final())
       .def(py::init<const py::object&, ce::ShaperSchedule, double>(), py::arg("solver"),
            py::arg("schedule"), py::arg("sample_time_s"),
@@ -145,7 +148,13 @@ void BindScheduling(py::module_& engines) {
            "Shapes the request's positions by the schedule and solves them with the wrapped "
            "solver. Raises as ShapingSolveSession.Solve does, and ValueError for what the "
            "schedule gives.")
-      .def("Finalize", OwnedMethod(&ScheduledSession::Finalize), "Finalizes the wrapped solver.");
+      .def("Finalize", OwnedMethod(&ScheduledSession::Finalize), "Finalizes the wrapped solver.")
+      .def("ResumeHistorySamples", OwnedMethod(&ScheduledSession::ResumeHistorySamples),
+           "The reference rows before a join that resuming needs: the longest scheduled "
+           "shaper's history and the wrapped solver's.")
+      .def("ResumeFrom", OwnedMethod(&ScheduledSession::ResumeFrom), py::arg("point"),
+           "Resumes as ShapingSolveSession.ResumeFrom does, shaping the rows the wrapped solver "
+           "asks for by the schedule. Raises RuntimeError when the wrapped solver cannot resume.");
 }
 
 }  // namespace
