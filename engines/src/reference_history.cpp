@@ -115,8 +115,9 @@ void ResumeShaped(const cw::SolveResumePoint& point, ReferenceHistory& history,
   const auto inner_rows = std::min<Eigen::Index>(
       before.rows(), static_cast<Eigen::Index>(inner->ResumeHistorySamples()));
   cw::SolveResumePoint shaped{point.start_index, point.previous_command, cw::SampleMatrix()};
-  if (inner_rows > 0)
+  if (inner_rows > 0) {
     shaped.reference_before = shape(before, before.rows() - inner_rows, inner_rows);
+  }
   inner->ResumeFrom(shaped);
   history.ResumeFrom(point.start_index, before);
 }

@@ -17,6 +17,14 @@ namespace corvane::control::engines {
 using ShapeRows = std::function<control::window::SampleMatrix(
     const control::window::SampleMatrix& source, Eigen::Index first, Eigen::Index rows)>;
 
+// `taps` (a stage's filter, with a Shape(source, first, rows) of that meaning) as its shaper; the
+// taps must outlive it.
+template <class Taps>
+ShapeRows ShapeBy(Taps& taps) {
+  return [&taps](const control::window::SampleMatrix& source, Eigen::Index first,
+                 Eigen::Index rows) { return taps.Shape(source, first, rows); };
+}
+
 // The applied rows of the requests solved so far, as far back as a shaper reads. A request must
 // start where the applied rows end, or where the last solved request started (a repeat after a
 // failed window). Before the first request's start the reference rests on its first row.

@@ -163,13 +163,6 @@ class ScheduledTaps {
   std::vector<std::array<std::optional<Design>, 2>> designs_;  // per stage, the last two
 };
 
-// The taps as the stage's shaper.
-ShapeRows ShapeBy(ScheduledTaps& taps) {
-  return [&taps](const cw::SampleMatrix& source, Eigen::Index first, Eigen::Index rows) {
-    return taps.Shape(source, first, rows);
-  };
-}
-
 }  // namespace
 
 struct ScheduledShapingSession::Impl {

@@ -11,17 +11,6 @@ namespace corvane::control::engines {
 
 namespace cw = control::window;
 
-namespace {
-
-// The taps as the stage's shaper.
-ShapeRows ShapeBy(const ShapingTaps& taps) {
-  return [&taps](const cw::SampleMatrix& source, Eigen::Index first, Eigen::Index rows) {
-    return taps.Shape(source, first, rows);
-  };
-}
-
-}  // namespace
-
 ShapingSolveSession::ShapingSolveSession(std::unique_ptr<cw::LiftedMpcSolveSession> solver,
                                          ImpulseSequence shaper, double sample_time_s)
     : solver_(std::move(solver)) {
