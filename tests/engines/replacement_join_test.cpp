@@ -5,7 +5,6 @@
 #include <memory>
 #include <random>
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
@@ -37,7 +36,7 @@ cw::SampleMatrix Reference(std::size_t rows, std::size_t join) {
 // Streams 400 samples of the move in windows of 10, with 40 produced and 5 handed out, then
 // replaces the reference from `join` on; returns `field` of every window, end to end.
 cw::SampleMatrix Stream(std::unique_ptr<cw::LiftedMpcSolveSession> solver, std::size_t join,
-                        std::optional<cw::SampleMatrix> cw::WindowPayload::*field) {
+                        std::optional<cw::SampleMatrix> cw::WindowPayload::*field = nullptr) {
   auto reference = std::make_shared<cw::AppendableReferenceBuffer>(1);
   cw::AppendableWindowBuffer buffer(std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
                                         std::move(solver), reference, 10, 40, kSampleTimeS, 0),
@@ -92,14 +91,12 @@ TEST(ReplacementJoinTest, ShapingAcrossAJoinEqualsOfflineShapingOfTheSplicedRefe
     SCOPED_TRACE(join);
     const cw::SampleMatrix spliced = Reference(join + 350, join);
     const std::pair<cw::SampleMatrix, cw::SampleMatrix> shaped_and_offline[] = {
-        {Stream(std::make_unique<ShapingSolveSession>(follow(), shaper, kSampleTimeS), join, {}),
+        {Stream(std::make_unique<ShapingSolveSession>(follow(), shaper, kSampleTimeS), join),
          ShapeSamples(spliced, kSampleTimeS, shaper)},
-        {Stream(std::make_unique<ScheduledShapingSession>(follow(), schedule, kSampleTimeS), join,
-                {}),
+        {Stream(std::make_unique<ScheduledShapingSession>(follow(), schedule, kSampleTimeS), join),
          ShapeSamples(spliced, kSampleTimeS, schedule)}};
-    for (const auto& [shaped, offline] : shaped_and_offline) {
+    for (const auto& [shaped, offline] : shaped_and_offline)
       EXPECT_LE((shaped - offline).cwiseAbs().maxCoeff(), 1e-12);
-    }
   }
 }
 
