@@ -4,12 +4,25 @@
 #include <stdexcept>
 #include <utility>
 
+#include "apply_samples.hpp"
+
 namespace corvane::control::engines {
 
 namespace cw = control::window;
 
+void ReferenceHistory::Reset() {
+  started_ = false;
+  rows_ = cw::SampleMatrix();
+}
+
 std::size_t ReferenceHistory::FirstRead(std::size_t start) const {
   return std::max(first_, start - std::min(start, static_cast<std::size_t>(rows_read_)));
+}
+
+void ReferenceHistory::CheckJoints(Eigen::Index joints) const {
+  if (joints != rows_.cols()) {
+    throw std::invalid_argument("The joint count must not change within a session.");
+  }
 }
 
 void ReferenceHistory::CheckContinues(const cw::WindowSlice& request) const {
@@ -18,9 +31,7 @@ void ReferenceHistory::CheckContinues(const cw::WindowSlice& request) const {
     throw std::invalid_argument(
         "The request must start where the previous request or its applied rows end.");
   }
-  if (request.positions.cols() != rows_.cols()) {
-    throw std::invalid_argument("The joint count must not change within a session.");
-  }
+  CheckJoints(request.positions.cols());
 }
 
 cw::SampleMatrix ReferenceHistory::Source(const cw::WindowSlice& request,
@@ -52,6 +63,63 @@ void ReferenceHistory::Remember(const cw::WindowSlice& request, Eigen::Index app
   stop_ = start + static_cast<std::size_t>(apply);
   previous_start_ = start;
   started_ = true;
+}
+
+void ReferenceHistory::CheckResumes(const cw::SampleMatrix& before) const {
+  if (started_ && before.rows() > 0) CheckJoints(before.cols());
+}
+
+void ReferenceHistory::ResumeFrom(std::size_t start, const cw::SampleMatrix& before) {
+  const Eigen::Index kept = std::min(before.rows(), rows_read_);
+  rows_ = before.bottomRows(kept);
+  stop_ = start;
+  first_ = start - static_cast<std::size_t>(kept);
+  previous_start_ = start;
+  started_ = kept > 0;
+}
+
+cw::ResumableSolveSession* Resumable(cw::LiftedMpcSolveSession& solver) {
+  auto* resumable = dynamic_cast<cw::ResumableSolveSession*>(&solver);
+  return resumable != nullptr && resumable->CanResume() ? resumable : nullptr;
+}
+
+std::size_t ResumeRows(const ReferenceHistory& history, cw::LiftedMpcSolveSession& solver) {
+  const cw::ResumableSolveSession* inner = Resumable(solver);
+  return static_cast<std::size_t>(history.rows_read()) +
+         (inner != nullptr ? inner->ResumeHistorySamples() : 0);
+}
+
+cw::WindowPayload SolveShaped(const cw::WindowSlice& request, ReferenceHistory& history,
+                              cw::LiftedMpcSolveSession& solver, const ShapeRows& shape) {
+  const Eigen::Index apply = ApplySamples(request);
+  CheckRequestPositions(request);
+  history.CheckContinues(request);
+  Eigen::Index before = 0;
+  const cw::SampleMatrix source = history.Source(request, before);
+  cw::WindowSlice shaped;
+  shaped.positions = shape(source, before, request.positions.rows());
+  shaped.start_index = request.start_index;
+  shaped.stop_index = request.stop_index;
+  shaped.metadata = request.metadata;
+  cw::WindowPayload payload = solver.Solve(shaped);
+  history.Remember(request, apply);
+  return payload;
+}
+
+void ResumeShaped(const cw::SolveResumePoint& point, ReferenceHistory& history,
+                  cw::LiftedMpcSolveSession& solver, const ShapeRows& shape) {
+  cw::ResumableSolveSession* inner = Resumable(solver);
+  if (inner == nullptr) throw std::runtime_error("The wrapped solver cannot resume.");
+  const cw::SampleMatrix& before = point.reference_before;
+  history.CheckResumes(before);
+  const auto inner_rows = std::min<Eigen::Index>(
+      before.rows(), static_cast<Eigen::Index>(inner->ResumeHistorySamples()));
+  cw::SolveResumePoint shaped{point.start_index, point.previous_command, cw::SampleMatrix()};
+  if (inner_rows > 0) {
+    shaped.reference_before = shape(before, before.rows() - inner_rows, inner_rows);
+  }
+  inner->ResumeFrom(shaped);
+  history.ResumeFrom(point.start_index, before);
 }
 
 }  // namespace corvane::control::engines

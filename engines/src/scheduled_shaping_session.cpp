@@ -8,7 +8,6 @@
 #include <string>
 #include <utility>
 
-#include "apply_samples.hpp"
 #include "corvane_shaper_engines/multi_mode_shaper.hpp"
 #include "reference_history.hpp"
 
@@ -206,19 +205,17 @@ void ScheduledShapingSession::Prepare() {
 void ScheduledShapingSession::Finalize() { impl_->solver->Finalize(); }
 
 cw::WindowPayload ScheduledShapingSession::Solve(const cw::WindowSlice& request) {
-  const Eigen::Index apply = ApplySamples(request);
-  CheckRequestPositions(request);
-  impl_->history.CheckContinues(request);
-  Eigen::Index before = 0;
-  const cw::SampleMatrix source = impl_->history.Source(request, before);
-  cw::WindowSlice shaped;
-  shaped.positions = impl_->taps.Shape(source, before, request.positions.rows());
-  shaped.start_index = request.start_index;
-  shaped.stop_index = request.stop_index;
-  shaped.metadata = request.metadata;
-  cw::WindowPayload payload = impl_->solver->Solve(shaped);
-  impl_->history.Remember(request, apply);
-  return payload;
+  return SolveShaped(request, impl_->history, *impl_->solver, ShapeBy(impl_->taps));
+}
+
+bool ScheduledShapingSession::CanResume() const { return Resumable(*impl_->solver) != nullptr; }
+
+std::size_t ScheduledShapingSession::ResumeHistorySamples() const {
+  return ResumeRows(impl_->history, *impl_->solver);
+}
+
+void ScheduledShapingSession::ResumeFrom(const cw::SolveResumePoint& point) {
+  ResumeShaped(point, impl_->history, *impl_->solver, ShapeBy(impl_->taps));
 }
 
 }  // namespace corvane::control::engines

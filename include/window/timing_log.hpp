@@ -22,7 +22,9 @@ namespace corvane::control::window {
 // The timing of one window. Times are seconds on the steady clock since the log was constructed:
 // construct it when the stream starts.
 struct WindowTiming {
-  std::uint64_t sequence = 0;       // the window's place in the order of queueing, from 0
+  // The window's place in the order of queueing, from 0; windows that a replacement discarded
+  // from the queue (AppendableWindowBuffer::ReplaceReference) leave no place, and no entry.
+  std::uint64_t sequence = 0;
   std::size_t start_index = 0;      // first global sample index of the window
   std::size_t stop_index = 0;       // one past its last global sample index
   double production_start_s = 0.0;  // [s] when the producer was asked for it
@@ -39,7 +41,7 @@ struct WindowTiming {
 
 // Counters of the stream since the log was attached, as one snapshot.
 struct TimingCounters {
-  std::size_t queued_windows = 0;    // windows queued
+  std::size_t queued_windows = 0;    // windows queued, those a replacement discarded included
   std::size_t popped_windows = 0;    // windows handed to the loop
   std::size_t underrun_windows = 0;  // popped windows with a negative margin
   std::size_t deadline_misses = 0;   // misses the loop reported with ReportDeadlineMiss()

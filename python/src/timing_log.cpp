@@ -45,7 +45,8 @@ void BindTimingRead(py::module_& module) {
                         "(uint64 counts, float64 seconds since the log's origin); each access "
                         "makes a new array.");
   AddColumn(read, "sequence", &cw::WindowTiming::sequence,
-            "The windows' places in the order of queueing, from 0.");
+            "The windows' places in the order of queueing, from 0; windows that a replacement "
+            "discarded from the queue leave no place.");
   AddColumn(read, "start_index", &cw::WindowTiming::start_index,
             "First global sample index of each window.");
   AddColumn(read, "stop_index", &cw::WindowTiming::stop_index,
@@ -84,7 +85,8 @@ void BindTimingCounters(py::module_& module) {
   using Counters = cw::TimingCounters;
   RecordClass<Counters>(module, "TimingCounters",
                         "Counters of the stream since the timing log was attached.")
-      .Field("queued_windows", &Counters::queued_windows, "Windows queued.")
+      .Field("queued_windows", &Counters::queued_windows,
+             "Windows queued, those a replacement discarded included.")
       .Field("popped_windows", &Counters::popped_windows, "Windows handed to the loop.")
       .Field("underrun_windows", &Counters::underrun_windows,
              "Popped windows with a negative margin.")

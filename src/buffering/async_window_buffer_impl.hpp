@@ -96,8 +96,10 @@ struct CORVANE_HIDDEN AsyncWindowBuffer::Impl {
   void QueueWindow(WindowPayload&& window);
 
   // The timing log's hooks, with the lock held and a log attached: the window just queued (the
-  // last produced), and the one just popped from the front.
+  // last produced), the `windows` queued last that a replacement discarded, and the one just
+  // popped from the front.
   void RecordQueueTiming(std::chrono::steady_clock::time_point queued_at);
+  void ForgetQueueTiming(std::size_t windows);
   void RecordPopTiming();
 
   // The replacement of the unplayed reference (window_replacement.cpp). Replace() runs on the

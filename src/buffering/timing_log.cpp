@@ -41,7 +41,8 @@ TimingLog::Impl::Impl(std::size_t capacity_in)
 // before and after its reads has read them whole.
 void TimingLog::Impl::RecordQueued(const WindowProduction& production, Clock::time_point queued_at,
                                    std::size_t depth) noexcept {
-  const std::uint64_t sequence = queued_windows.load(kRelaxed);
+  const std::uint64_t sequence = next_sequence.load(kRelaxed);
+  const std::uint64_t queued = queued_windows.load(kRelaxed);
   Slot& slot = SlotOf(sequence);
   slot.queued_version.store(Writing(sequence), kRelaxed);
   slot.start_index.store(production.start_index, kRelease);
@@ -53,8 +54,15 @@ void TimingLog::Impl::RecordQueued(const WindowProduction& production, Clock::ti
   slot.queue_depth_windows.store(depth, kRelease);
   slot.queued_version.store(Written(sequence), kRelease);
 
-  KeepBest(max_compute_time_s, production.compute_time_s, sequence == 0, std::greater<>());
-  queued_windows.store(sequence + 1, kRelease);
+  KeepBest(max_compute_time_s, production.compute_time_s, queued == 0, std::greater<>());
+  next_sequence.store(sequence + 1, kRelease);
+  queued_windows.store(queued + 1, kRelease);
+}
+
+// The forgotten windows were never popped, so no reader has read their entries; the entries are
+// overwritten as their sequences are queued again.
+void TimingLog::Impl::ForgetNewest(std::size_t windows) noexcept {
+  next_sequence.store(next_sequence.load(kRelaxed) - windows, kRelease);
 }
 
 // The window popped now is the oldest queued one, so its sequence is the count of earlier pops.
@@ -119,7 +127,7 @@ std::chrono::steady_clock::time_point TimingLog::Origin() const { return impl_->
 // changes while it is read was overwritten too.
 TimingRead TimingLog::Read(std::uint64_t sequence) const {
   const std::uint64_t popped = impl_->popped_windows.load(kAcquire);
-  const std::uint64_t queued = impl_->queued_windows.load(kAcquire);
+  const std::uint64_t queued = impl_->next_sequence.load(kAcquire);
   const std::uint64_t reach = queued > impl_->capacity ? queued - impl_->capacity : 0;
   TimingRead read;
   read.next_sequence = std::max(sequence, popped);
@@ -168,6 +176,10 @@ void AsyncWindowBuffer::AttachTimingLog(std::shared_ptr<TimingLog> log) {
 
 void AsyncWindowBuffer::Impl::RecordQueueTiming(std::chrono::steady_clock::time_point queued_at) {
   timing->impl_->RecordQueued(production, queued_at, queue.size());
+}
+
+void AsyncWindowBuffer::Impl::ForgetQueueTiming(std::size_t windows) {
+  timing->impl_->ForgetNewest(windows);
 }
 
 void AsyncWindowBuffer::Impl::RecordPopTiming() {

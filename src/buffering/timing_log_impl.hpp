@@ -52,6 +52,10 @@ struct CORVANE_HIDDEN TimingLog::Impl {
                     std::size_t depth) noexcept;
   // With the buffer's lock held, once the oldest queued window has left the queue.
   void RecordPopped(Clock::time_point popped_at) noexcept;
+  // With the buffer's lock held, once the `windows` queued last have left the queue unpopped (a
+  // replacement discarded them): the windows queued next take their sequences, so that a pop's
+  // sequence stays the count of earlier pops.
+  void ForgetNewest(std::size_t windows) noexcept;
   // Copies entry `sequence` into `entry`; false when the ring no longer holds it whole.
   bool ReadEntry(std::uint64_t sequence, WindowTiming& entry) const noexcept;
 
@@ -66,6 +70,7 @@ struct CORVANE_HIDDEN TimingLog::Impl {
   std::atomic<bool> attached{false};
   // The counters; each has one writer at a time.
   std::atomic<std::uint64_t> queued_windows{0};
+  std::atomic<std::uint64_t> next_sequence{0};  // queued_windows less the windows forgotten
   std::atomic<std::uint64_t> popped_windows{0};
   std::atomic<std::uint64_t> underrun_windows{0};
   std::atomic<std::uint64_t> deadline_misses{0};

@@ -185,6 +185,7 @@ ReferenceReplacement AsyncWindowBuffer::Impl::Replace(AppendableReferenceBuffer&
   {
     auto lock = Lock();
     result = CommitTail(state, statistics, held, range.stop_index);
+    if (timing) ForgetQueueTiming(held.windows.size());
     ready_raised = true;  // a worker asleep for want of a window has one to make now
   }
   cv.notify_all();

@@ -206,7 +206,8 @@ std::size_t AppendableReferenceBuffer::Impl::HoldLastSampleTo(std::size_t target
 }
 
 // Every check comes before the first change, so a refused replacement leaves the samples as they
-// were. Without a retention the store shrinks to exactly the samples kept.
+// were. Without a retention the store is resized once, straight to the samples kept plus the new
+// ones: it is reallocated at most once, and not at all for a block as long as the tail it replaces.
 AppendedRange AppendableReferenceBuffer::Impl::ReplaceFrom(std::size_t start,
                                                            const SampleMatrix& samples) {
   if (finished) {
@@ -226,7 +227,7 @@ AppendedRange AppendableReferenceBuffer::Impl::ReplaceFrom(std::size_t start,
   }
   CheckKeepsUnread(start + static_cast<std::size_t>(samples.rows()), "samples");
   lost_before = FirstRetained();
-  if (!retention_samples) GrowStoreTo(positions, start);
+  if (!retention_samples) GrowStoreTo(positions, start + static_cast<std::size_t>(samples.rows()));
   sample_count = start;
   if (samples.rows() == 0) return {start, start};
   return StoreBlock(samples);

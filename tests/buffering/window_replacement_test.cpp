@@ -36,6 +36,7 @@ SampleMatrix Ramp(Eigen::Index rows, double first) {
 // handed out.
 struct Stream {
   explicit Stream(std::function<void()> hold = {}) : on_solve(std::move(hold)) {
+    buffer.AttachTimingLog(log);
     reference->AppendReference(Ramp(on_solve ? 8 : 20, 0.0));
     if (on_solve) {
       buffer.Start();
@@ -65,6 +66,7 @@ struct Stream {
           std::make_unique<testing::ResumableFollowSolver>(resumes, on_solve, kComputeS), reference,
           4, 8, 0.001, 0),
       reference};
+  std::shared_ptr<TimingLog> log = std::make_shared<TimingLog>(64);
 };
 
 TEST(WindowReplacementTest, ResumesAtTheStartOfTheWindowHoldingTheJoin) {
@@ -90,6 +92,13 @@ TEST(WindowReplacementTest, ResumesAtTheStartOfTheWindowHoldingTheJoin) {
               start + 6 + c.discarded);
     const std::vector<WindowPayload> windows = stream.Drain(4);
     ExpectMarginOfPlayedWindows(stream.buffer, windows.empty() ? 4 : windows.back().stop_index);
+    // The log times the windows handed out, each by its own entry, none by a discarded one's.
+    const std::vector<WindowTiming> timed = stream.log->Read(1).entries;
+    ASSERT_EQ(timed.size(), windows.size());
+    for (std::size_t i = 0; i < timed.size(); ++i) {
+      EXPECT_EQ(std::make_pair(timed[i].start_index, timed[i].stop_index),
+                std::make_pair(windows[i].start_index, windows[i].stop_index));
+    }
     for (const WindowPayload& window : windows) {
       for (Eigen::Index row = 0; row < window.positions.rows(); ++row) {
         const std::size_t i = window.start_index + std::size_t(row);

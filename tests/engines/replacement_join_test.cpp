@@ -4,9 +4,11 @@
 #include <cmath>
 #include <memory>
 #include <random>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <corvane_shaper_engines/lifted_mpc_solver.hpp>
+#include <corvane_shaper_engines/scheduled_shaping_session.hpp>
 #include <corvane_shaper_engines/shaper_designs.hpp>
 #include <corvane_shaper_engines/shaping_solve_session.hpp>
 #include <window/async_buffer.hpp>
@@ -36,7 +38,7 @@ cw::SampleMatrix Reference(std::size_t rows, std::size_t join) {
 // of every window, end to end.
 constexpr std::size_t kStop = 0;
 cw::SampleMatrix Stream(std::unique_ptr<cw::LiftedMpcSolveSession> solver, std::size_t join,
-                        std::optional<cw::SampleMatrix> cw::WindowPayload::*field) {
+                        std::optional<cw::SampleMatrix> cw::WindowPayload::*field = nullptr) {
   auto reference = std::make_shared<cw::AppendableReferenceBuffer>(1);
   cw::AppendableWindowBuffer buffer(std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
                                         std::move(solver), reference, 10, 40, kSampleTimeS, 0),
@@ -86,17 +88,24 @@ TEST(ReplacementJoinTest, TheCommandStepsAtTheJoinNoMoreThanAnywhereElse) {
   }
 }
 
+// The fixed stage, and the scheduled one whose ZV shaper follows the position from 14 to 11 Hz.
 TEST(ReplacementJoinTest, ShapingAcrossAJoinEqualsOfflineShapingOfTheSplicedReference) {
   const ImpulseSequence shaper = ZvdShaper({12.0, 0.05});
+  const ShaperSchedule schedule{[](const Eigen::RowVectorXd& pose) {
+                                  return std::vector<VibrationMode>{{13.0 - 2.0 * pose(0), 0.05}};
+                                },
+                                ShaperKind::kZv, kDefaultVibrationTolerance, 0.046};
+  const auto follow = [] { return std::make_unique<cw::testing::ResumableFollowSolver>(); };
   for (const std::size_t join : Joins()) {
     SCOPED_TRACE(join);
-    const cw::SampleMatrix shaped =
-        Stream(std::make_unique<ShapingSolveSession>(
-                   std::make_unique<cw::testing::ResumableFollowSolver>(), shaper, kSampleTimeS),
-               join, nullptr);
-    const cw::SampleMatrix offline =
-        ShapeSamples(Reference(join + 350, join), kSampleTimeS, shaper);
-    EXPECT_LE((shaped - offline).cwiseAbs().maxCoeff(), 1e-12);
+    const cw::SampleMatrix spliced = Reference(join + 350, join);
+    const std::pair<cw::SampleMatrix, cw::SampleMatrix> shaped_and_offline[] = {
+        {Stream(std::make_unique<ShapingSolveSession>(follow(), shaper, kSampleTimeS), join),
+         ShapeSamples(spliced, kSampleTimeS, shaper)},
+        {Stream(std::make_unique<ScheduledShapingSession>(follow(), schedule, kSampleTimeS), join),
+         ShapeSamples(spliced, kSampleTimeS, schedule)}};
+    for (const auto& [shaped, offline] : shaped_and_offline)
+      EXPECT_LE((shaped - offline).cwiseAbs().maxCoeff(), 1e-12);
   }
 }
 

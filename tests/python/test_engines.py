@@ -71,6 +71,8 @@ TAKEN = "This LiftedMpcSolver belongs to a buffer or producer; only its owner ma
     (lambda: shaping(taken_solver()), RuntimeError, TAKEN),
     (lambda: taken_solver().Solve(REQUEST), RuntimeError, TAKEN),
     (lambda: shaping(FailingSolver()).Solve(REQUEST), LookupError, "no gains."),
+    (lambda: engines.ScheduledShapingSession(EchoSolver(), MOVING, H).ResumeFrom(
+        cw.SolveResumePoint()), RuntimeError, "The wrapped solver cannot resume."),
     (lambda: engines.ChooseShaper(engines.VibrationMode(natural_frequency_hz=450.0), 0.2,
                                   sample_time_s=H), ValueError,
      "The mode's band reaches the Nyquist frequency of sample_time_s: no shaper applied at that "

@@ -20,6 +20,7 @@
 #include <native/export.hpp>
 #include <window/producers.hpp>
 #include <window/records.hpp>
+#include <window/replacement.hpp>
 
 #include "corvane_shaper_engines/impulse_sequence.hpp"
 #include "corvane_shaper_engines/shaper_designs.hpp"
@@ -59,8 +60,11 @@ CORVANE_EXPORT control::window::SampleMatrix ShapeSamples(
 // A solver session like ShapingSolveSession, whose shaper follows the pose by `schedule`. It keeps
 // the reference rows that the longest scheduled shaper reads, and takes requests as
 // ShapingSolveSession does. To let the shaped motion come to rest, append
-// longest_shaper_s / sample_time_s copies of the last sample (rounded up) before finishing.
-class CORVANE_EXPORT ScheduledShapingSession final : public control::window::LiftedMpcSolveSession {
+// longest_shaper_s / sample_time_s copies of the last sample (rounded up) before finishing. After
+// a replacement it resumes as ShapingSolveSession does: the schedule reads only reference rows, so
+// the shaped stream equals ShapeSamples() of the spliced reference with the schedule.
+class CORVANE_EXPORT ScheduledShapingSession final : public control::window::LiftedMpcSolveSession,
+                                                     public control::window::ResumableSolveSession {
  public:
   // solver: the session that receives the shaped requests, never null. sample_time_s: [s] the
   // period of the request rows. Throws std::invalid_argument naming the argument at fault.
@@ -82,6 +86,16 @@ class CORVANE_EXPORT ScheduledShapingSession final : public control::window::Lif
   control::window::WindowPayload Solve(const control::window::WindowSlice& request) override;
   // Finalizes the wrapped solver.
   void Finalize() override;
+
+  // Whether the wrapped solver implements ResumableSolveSession and can resume.
+  bool CanResume() const override;
+  // The rows the longest scheduled shaper reads before a row, plus those the wrapped solver asks
+  // for.
+  std::size_t ResumeHistorySamples() const override;
+  // Resumes as ShapingSolveSession::ResumeFrom() does, shaping the rows the wrapped solver asks
+  // for by the schedule. Throws as that does, and as ShapeSamples() above for what the schedule
+  // gives.
+  void ResumeFrom(const control::window::SolveResumePoint& point) override;
 
  private:
   struct Impl;

@@ -15,6 +15,8 @@ namespace corvane::control::engines {
 
 // The shaper as a filter on sampled references, internal to the library.
 class ShapingTaps;
+// The reference rows a shaping stage keeps between requests, internal to the library.
+class ReferenceHistory;
 
 // A solver session that shapes each request's reference with an input shaper before handing it
 // to the solver it wraps. The shaping is causal and keeps the reference history it needs across
@@ -61,25 +63,11 @@ class CORVANE_EXPORT ShapingSolveSession final : public control::window::LiftedM
   void ResumeFrom(const control::window::SolveResumePoint& point) override;
 
  private:
-  // Throws unless the request continues the history (see Solve).
-  void CheckContinues(const control::window::WindowSlice& request) const;
-  // The request's positions shaped, reading the history before them.
-  control::window::SampleMatrix ShapedPositions(const control::window::WindowSlice& request) const;
-  // Makes the request's applied rows history, keeping what the next request may read.
-  void Remember(const control::window::WindowSlice& request, Eigen::Index apply);
-  // Reference rows that the shaper reads before a row.
-  std::size_t history_rows() const { return static_cast<std::size_t>(history_rows_); }
-
   std::unique_ptr<control::window::LiftedMpcSolveSession> solver_;
-  ImpulseSequence shaper_;
-  double sample_time_s_;
   std::shared_ptr<const ShapingTaps> taps_;  // the shaper as a filter, built once
-  Eigen::Index history_rows_ = 0;
-  bool started_ = false;                   // a request has been solved since Prepare()
-  control::window::SampleMatrix history_;  // reference rows [history_start_, history_stop_)
-  std::size_t history_start_ = 0;          // reference index of history_'s first row
-  std::size_t history_stop_ = 0;           // one past the last applied row
-  std::size_t previous_start_ = 0;         // start of the last solved request
+  // The applied reference rows the taps read; held alone, shared_ptr only to keep the class movable
+  // with the type declared here.
+  std::shared_ptr<ReferenceHistory> history_;
 };
 
 }  // namespace corvane::control::engines

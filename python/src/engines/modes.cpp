@@ -14,32 +14,15 @@
 #include "engines.hpp"
 #include "producers.hpp"
 #include "record_class.hpp"
+#include "shaping_stage.hpp"
 
 namespace corvane::python {
 
 namespace {
 
-// The scheduled shaping stage as Python builds it: it also notes the solver object it wraps, so
-// that the garbage collector sees that hold. Its schedule, a Python callable, is called with the
-// GIL taken.
-class ScheduledSession final : public cw::LiftedMpcSolveSession {
- public:
-  ScheduledSession(const py::object& solver, ce::ShaperSchedule schedule, double sample_time_s)
-      : session_(AdoptSolveSession(solver, "solver"), std::move(schedule), sample_time_s),
-        solver_(solver) {}
-
-  void Prepare() override { session_.Prepare(); }
-  cw::WindowPayload Solve(const cw::WindowSlice& request) override {
-    return session_.Solve(request);
-  }
-  void Finalize() override { session_.Finalize(); }
-
-  static py::handle Held(const ScheduledSession& session) { return session.solver_; }
-
- private:
-  ce::ScheduledShapingSession session_;
-  py::handle solver_;  // kept alive by session_
-};
+// The scheduled shaping stage as Python builds it. Its schedule, a Python callable, is called with
+// the GIL taken.
+using ScheduledSession = ShapingStage<ce::ScheduledShapingSession, ce::ShaperSchedule>;
 
 void BindModeRecords(py::module_& engines) {
   RecordClass<ce::ModeBand>(engines, "ModeBand",
@@ -127,25 +110,24 @@ void BindScheduling(py::module_& engines) {
       "Offline shaping of a (rows, joints) reference whose shaper follows the pose by schedule, "
       "its impulses re-timed row by row. Raises ValueError for a bad reference, period or "
       "schedule, for what the schedule gives, and for a shaper longer than longest_shaper_s.");
-  py::class_<ScheduledSession, cw::LiftedMpcSolveSession>(
+  py::class_<ScheduledSession, cw::LiftedMpcSolveSession> session(
       engines, "ScheduledShapingSession",
       "A LiftedMpcSolveSession like ShapingSolveSession whose shaper follows the pose by a "
       "ShaperSchedule; the applied rows of the shaped stream equal ShapeSamples() of the stored "
-      "reference with the schedule. Give it to an AppendableLiftedMpcWindowProducer, which owns "
-      "it from then on.",
-      Collectable<ScheduledSession, &ScheduledSession::Held>(nullptr), py::is_final())
+      "reference with the schedule, and after a replacement, those of the spliced reference. Give "
+      "it to an AppendableLiftedMpcWindowProducer, which owns it from then on.",
+      Collectable<ScheduledSession, &ScheduledSession::Held>(nullptr), py::is_final());
+  session
       .def(py::init<const py::object&, ce::ShaperSchedule, double>(), py::arg("solver"),
            py::arg("schedule"), py::arg("sample_time_s"),
            "Takes the solver, which nobody else may use from then on. Raises TypeError for a "
            "solver that is not a LiftedMpcSolveSession, RuntimeError for one already owned, and "
            "ValueError naming the argument for None, a bad schedule or a bad period.")
-      .def("Prepare", OwnedMethod(&ScheduledSession::Prepare),
-           "Forgets the history and prepares the wrapped solver.")
       .def("Solve", OwnedMethod(&ScheduledSession::Solve), py::arg("request"),
            "Shapes the request's positions by the schedule and solves them with the wrapped "
            "solver. Raises as ShapingSolveSession.Solve does, and ValueError for what the "
-           "schedule gives.")
-      .def("Finalize", OwnedMethod(&ScheduledSession::Finalize), "Finalizes the wrapped solver.");
+           "schedule gives.");
+  BindStageCalls(session);
 }
 
 }  // namespace

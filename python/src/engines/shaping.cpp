@@ -11,34 +11,13 @@
 #include "collectable.hpp"
 #include "engines.hpp"
 #include "producers.hpp"
+#include "shaping_stage.hpp"
 
 namespace corvane::python {
 
 namespace {
 
-// The shaping stage as Python builds it: it also notes the solver object it wraps, so that the
-// garbage collector sees that hold.
-class ShapingSession final : public cw::LiftedMpcSolveSession, public cw::ResumableSolveSession {
- public:
-  ShapingSession(const py::object& solver, ce::ImpulseSequence shaper, double sample_time_s)
-      : session_(AdoptSolveSession(solver, "solver"), std::move(shaper), sample_time_s),
-        solver_(solver) {}
-
-  void Prepare() override { session_.Prepare(); }
-  cw::WindowPayload Solve(const cw::WindowSlice& request) override {
-    return session_.Solve(request);
-  }
-  void Finalize() override { session_.Finalize(); }
-  bool CanResume() const override { return session_.CanResume(); }
-  std::size_t ResumeHistorySamples() const override { return session_.ResumeHistorySamples(); }
-  void ResumeFrom(const cw::SolveResumePoint& point) override { session_.ResumeFrom(point); }
-
-  static py::handle Held(const ShapingSession& session) { return session.solver_; }
-
- private:
-  ce::ShapingSolveSession session_;
-  py::handle solver_;  // kept alive by session_
-};
+using ShapingSession = ShapingStage<ce::ShapingSolveSession, ce::ImpulseSequence>;
 
 void BindOfflineShaping(py::module_& engines) {
   engines.def("ShaperSamples", &ce::ShaperSamples, py::arg("shaper"), py::arg("sample_time_s"),
@@ -89,7 +68,7 @@ void BindInputShaper(py::module_& engines) {
 }
 
 void BindShapingSession(py::module_& engines) {
-  py::class_<ShapingSession, cw::LiftedMpcSolveSession>(
+  py::class_<ShapingSession, cw::LiftedMpcSolveSession> session(
       engines, "ShapingSolveSession",
       "A LiftedMpcSolveSession that shapes each request's positions with an input shaper before "
       "handing the request to the solver it wraps: a Python LiftedMpcSolveSession, a "
@@ -97,7 +76,8 @@ void BindShapingSession(py::module_& engines) {
       "reference history it needs across requests, so the applied rows of the shaped stream "
       "equal ShapeSamples() of the stored reference. Give it to an "
       "AppendableLiftedMpcWindowProducer, which owns it from then on.",
-      Collectable<ShapingSession, &ShapingSession::Held>(nullptr), py::is_final())
+      Collectable<ShapingSession, &ShapingSession::Held>(nullptr), py::is_final());
+  session
       .def(py::init<const py::object&, ce::ImpulseSequence, double>(), py::arg("solver"),
            py::arg("shaper"), py::arg("sample_time_s"),
            "Takes the solver, which nobody else may use from then on. shaper: a valid "
@@ -105,20 +85,12 @@ void BindShapingSession(py::module_& engines) {
            "for a solver that is not a LiftedMpcSolveSession, RuntimeError for one already "
            "owned, and ValueError naming the argument for None, a malformed shaper or a bad "
            "period.")
-      .def("Prepare", OwnedMethod(&ShapingSession::Prepare),
-           "Forgets the history and prepares the wrapped solver.")
       .def("Solve", OwnedMethod(&ShapingSession::Solve), py::arg("request"),
            "Shapes the request's positions and solves the shaped request with the wrapped "
            "solver, whose answer comes back unchanged, and whose exceptions pass through. Raises "
            "ValueError when \"apply_samples\" is out of range, the request does not continue "
-           "the history or the joint count changes.")
-      .def("Finalize", OwnedMethod(&ShapingSession::Finalize), "Finalizes the wrapped solver.")
-      .def("ResumeHistorySamples", OwnedMethod(&ShapingSession::ResumeHistorySamples),
-           "The reference rows before a join that resuming needs: the shaper's history and the "
-           "wrapped solver's.")
-      .def("ResumeFrom", OwnedMethod(&ShapingSession::ResumeFrom), py::arg("point"),
-           "Takes the SolveResumePoint's reference rows as the shaper's history and resumes the "
-           "wrapped solver. Raises RuntimeError when the wrapped solver cannot resume.");
+           "the history or the joint count changes.");
+  BindStageCalls(session);
 }
 
 }  // namespace
