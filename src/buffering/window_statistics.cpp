@@ -124,6 +124,14 @@ UnplayedList ReopenFrom(UnplayedWindows& next, std::size_t window, std::size_t e
   return open;
 }
 
+// Adds the ascending `discarded` to the ascending `open`, keeping it ascending.
+void MergeInto(UnplayedList& open, const UnplayedList& discarded) {
+  const auto middle = open.insert(open.end(), discarded.begin(), discarded.end());
+  std::inplace_merge(
+      open.begin(), middle, open.end(),
+      [](const UnplayedWindow& a, const UnplayedWindow& b) { return a.window < b.window; });
+}
+
 // Folds the entries before `first_retained` into before_s, in window order; `open` holds the
 // entries after the full blocks.
 void FoldBefore(UnplayedWindows& next, UnplayedList& open, std::size_t first_retained) {
@@ -182,10 +190,7 @@ UnplayedWindows WindowStatistics::PrepareUnplayed(const UnplayedWindows& base,
   UnplayedWindows next = base;
   auto open = std::make_shared<UnplayedList>(ReopenFrom(
       next, discarded.empty() ? ~std::size_t{0} : discarded.front().window, discarded.size()));
-  const auto middle = open->insert(open->end(), discarded.begin(), discarded.end());
-  std::inplace_merge(
-      open->begin(), middle, open->end(),
-      [](const UnplayedWindow& a, const UnplayedWindow& b) { return a.window < b.window; });
+  MergeInto(*open, discarded);
   next.recent = open;
   FoldBefore(next, *open, Snapshot().first_retained);
   SealFull(next, *open);
