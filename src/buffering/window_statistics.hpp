@@ -15,7 +15,6 @@
 // blocks that a snapshot shares as it shares chunks (see UnplayedWindows).
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -57,9 +56,10 @@ struct UnplayedBlocks {
 
 // The recorded windows whose duration is never played, ascending by window: the full blocks in
 // slots [first_sealed, sealed_count), from entry first_entry of the first, then `recent`. A
-// change copies `recent` (fewer than two blocks' worth) and any block holding a window at or
-// after one it inserts, which is recent too; so its cost does not grow with the windows
-// discarded before. Entries before the oldest retained window may already be folded out.
+// change copies `recent` (fewer than two blocks' worth), and the full blocks only when it inserts
+// a window before one they hold: discarded windows are queued ones, so that takes more than a
+// block's worth discarded since, ahead of a window still queued. Its cost does not grow with the
+// windows discarded before. Entries before the oldest retained window may already be folded out.
 struct UnplayedWindows {
   std::shared_ptr<UnplayedBlocks> blocks;  // null until a block has filled; written under the lock
   std::size_t first_sealed = 0;
@@ -192,8 +192,9 @@ class WindowStatistics {
   const UnplayedWindows& CurrentUnplayed() const { return unplayed_; }
   // With the lock held: a new version of the unplayed windows, `base` with `discarded`
   // (ascending, recorded windows) added, and the entries before the oldest retained window
-  // folded into the sum. Takes time in the entries copied (see UnplayedWindows) and those folded
-  // out, each once, and now and then one pointer a full block to give the slots room to double.
+  // folded into the sum. Takes time in the entries copied (see UnplayedWindows) and in those
+  // folded out, each once; when the slots are full, a copy of one pointer per full block kept
+  // gives them room to double.
   // Throws std::bad_alloc.
   UnplayedWindows PrepareUnplayed(const UnplayedWindows& base, const UnplayedList& discarded) const;
   // With the lock held: the prepared version takes effect; `prepared` gets the one it replaced.
