@@ -12,7 +12,10 @@
 //     beyond those of the same loop without replacements, and the p99 of PopNowait() during
 //     replacements over without. The planner replaces from 10 samples past the earliest index,
 //     which leaves the loop 10 ms of windows while the worker produces the new plan; replacing
-//     from the earliest index itself, which leaves it none, is reported beside.
+//     from the earliest index itself, which leaves it none, is reported beside;
+//   - the ReplaceReference() call once 20,000 replacements have each discarded 3 windows, over
+//     the same call in the first replacements of the same stream: the work under the buffer's
+//     lock must not grow with the windows discarded before.
 // The loop runs 100 replacements (5 s) by default; --replacements=1000 gives the full figure.
 #include <algorithm>
 #include <atomic>
@@ -56,6 +59,9 @@ constexpr auto kTick = std::chrono::milliseconds(1);
 constexpr auto kReplanPeriod = std::chrono::milliseconds(50);
 constexpr std::size_t kLoopLookahead = 100;
 constexpr std::size_t kLoopQueueWindows = 20;  // 20 ms ahead of the loop
+constexpr int kManyReplacements = 20000;
+constexpr int kTimedReplacements = 500;  // at the start of the stream, and at its end
+constexpr std::size_t kDiscardedPerReplacement = 3;
 
 // How many replacements the fixed-rate loop runs; set from the command line.
 int loop_replacements = 100;
@@ -331,6 +337,38 @@ void BM_FixedRateLoop(benchmark::State& state) {
   }
 }
 
+// A buffer not started, one joint, windows of one sample: Prefill() queues 3 windows, and the
+// call replaces the reference from the earliest index with a short plan, discarding all three.
+// Times the call over the first replacements and over the last of many.
+void BM_ReplacementAfterMany(benchmark::State& state) {
+  const cw::SampleMatrix plan = Plan(16, 0.0).leftCols(1);
+  auto stored = std::make_shared<cw::AppendableReferenceBuffer>(1);
+  stored->AppendReference(plan);
+  cw::AppendableWindowBuffer buffer(
+      std::make_unique<cw::AppendableLiftedMpcWindowProducer>(
+          std::make_unique<LiftedMpcSolver>(kSampleTimeS, 4), stored, 1, 4, kSampleTimeS, 0),
+      stored, 0, kDiscardedPerReplacement);
+  std::vector<double> first_us, last_us;
+  for (auto _ : state) {
+    for (int i = 0; i < kManyReplacements; ++i) {
+      if (buffer.Prefill(kDiscardedPerReplacement) != kDiscardedPerReplacement) {
+        state.SkipWithError("the queue did not fill");
+      }
+      const std::size_t start = buffer.EarliestReplaceableIndex();
+      const Clock::time_point called = Clock::now();
+      const cw::ReferenceReplacement done = buffer.ReplaceReference(start, plan);
+      const double us = MicrosecondsSince(called);
+      if (done.discarded_windows != kDiscardedPerReplacement) state.SkipWithError("not discarded");
+      if (i < kTimedReplacements) first_us.push_back(us);
+      if (i >= kManyReplacements - kTimedReplacements) last_us.push_back(us);
+    }
+  }
+  state.counters["first_p50_us"] = Quantile(first_us, 0.5);
+  state.counters["last_p50_us"] = Quantile(last_us, 0.5);
+  state.counters["last_p99_us"] = Quantile(last_us, 0.99);
+  state.counters["ratio_p50"] = state.counters["last_p50_us"] / state.counters["first_p50_us"];
+}
+
 BENCHMARK(BM_ReplacementLatency)
     ->ArgNames({"lookahead", "plan"})
     ->ArgsProduct({{100, 1000}, {kPlanSamples, kHorizonSamples}})
@@ -343,6 +381,7 @@ BENCHMARK(BM_FixedRateLoop)
     ->Args({1, 10})
     ->Iterations(1)
     ->UseRealTime();
+BENCHMARK(BM_ReplacementAfterMany)->Iterations(1)->UseRealTime();
 
 void PrintSummary(const corvane::bench::RatioReporter& reporter) {
   using corvane::bench::PrintRatio;
@@ -392,6 +431,17 @@ void PrintSummary(const corvane::bench::RatioReporter& reporter) {
         "  replacing from the earliest sample itself: %.0f misses, PopNowait p99 / without %.3f\n",
         reporter.Counter(earliest, "misses"),
         reporter.Counter(earliest, "pop_p99_us") / reporter.Counter(without, "pop_p99_us"));
+  }
+  const std::string many = "BM_ReplacementAfterMany/iterations:1/real_time";
+  if (reporter.Has(many)) {
+    std::printf(
+        "the call after %d replacements of %zu windows: p50 %.2f us, p99 %.2f us; in the first "
+        "%d: p50 %.2f us\n",
+        kManyReplacements, kDiscardedPerReplacement, reporter.Counter(many, "last_p50_us"),
+        reporter.Counter(many, "last_p99_us"), kTimedReplacements,
+        reporter.Counter(many, "first_p50_us"));
+    const double ratio = reporter.Counter(many, "ratio_p50");
+    PrintRatio("  the call p50, last / first replacements", ratio, "<= 1.5", ratio <= 1.5);
   }
 }
 

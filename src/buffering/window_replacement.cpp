@@ -26,7 +26,7 @@ struct HeldTail {
   std::optional<CommandSample> previous_command;  // the command at resume_index - 1
   std::deque<WindowPayload> windows;              // queued windows holding start_index or later
   std::list<JoinPoint> joins;                     // their last rows
-  WindowStatistics::Unplayed unplayed;            // freed after the lock: a list replaced
+  UnplayedWindows unplayed;                       // freed after the lock: a version replaced
 };
 
 CommandSample LastRow(const WindowPayload& window) {
@@ -74,9 +74,8 @@ HeldTail TakeTail(ReplacementState& state, WindowRing& queue,
 }
 
 // `base` with the windows of `joins` unplayed, under the buffer's lock.
-WindowStatistics::Unplayed UnplayedWith(const WindowStatistics& statistics,
-                                        const WindowStatistics::Unplayed& base,
-                                        const std::list<JoinPoint>& joins) {
+UnplayedWindows UnplayedWith(const WindowStatistics& statistics, const UnplayedWindows& base,
+                             const std::list<JoinPoint>& joins) {
   UnplayedList discarded;
   discarded.reserve(joins.size());
   for (const JoinPoint& join : joins) discarded.push_back({join.window, join.duration_s});
@@ -250,7 +249,7 @@ void AsyncWindowBuffer::Impl::QueueUnlessReplaced(WindowPayload& window) {
   const auto queued_at =
       timing ? std::chrono::steady_clock::now() : std::chrono::steady_clock::time_point();
   std::list<JoinPoint> dropped;
-  WindowStatistics::Unplayed unplayed, fenced_unplayed;  // the lists replaced, freed after the lock
+  UnplayedWindows unplayed, fenced_unplayed;  // the versions replaced, freed after the lock
   {
     auto lock = Lock();
     cv.wait(lock, [&state, this] { return !state.fenced || stop_requested; });

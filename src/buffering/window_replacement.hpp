@@ -55,7 +55,7 @@ struct CORVANE_HIDDEN ReplacementState {
   ReplacementTotals totals;
   // While fenced: the statistics' unplayed windows once the tail taken out is discarded, so that
   // the commit only swaps it in; what the producing thread drops meanwhile is added to it too.
-  WindowStatistics::Unplayed fenced_unplayed;
+  UnplayedWindows fenced_unplayed;
 
   // Used only by the thread that produces (Prefill before Start, then the worker).
   std::size_t adopted_plan = 0;  // the plan the producer works to

@@ -93,41 +93,112 @@ StatisticsSnapshot WindowStatistics::Snapshot() const {
   const std::size_t retained = snapshot.RetainedWindows();
   snapshot.reported_windows = std::min(retained, retained_windows_.value_or(retained));
   snapshot.first_retained = totals_.total_windows - retained;
-  snapshot.unplayed = unplayed_.list;
-  snapshot.unplayed_before_s = unplayed_.before_s;
+  snapshot.unplayed = unplayed_;
   return snapshot;
 }
 
 // Without unplayed windows, exactly the carried sum.
 double StatisticsSnapshot::PlayedBeforeRetained() const {
-  if (!unplayed) return played_before_s;
-  double unplayed_s = unplayed_before_s;
-  const auto first_kept = FirstFrom(*unplayed, first_retained);
-  for (auto entry = unplayed->cbegin(); entry != first_kept; ++entry) {
-    unplayed_s += entry->duration_s;
-  }
-  return played_before_s - unplayed_s;
+  if (!unplayed.recent) return played_before_s;
+  return played_before_s - UnplayedCursor(unplayed).AddUntil(first_retained, unplayed.before_s);
 }
+
+namespace {
+
+// Takes back into a list the full blocks of `next` that hold `window` or a later one, and returns
+// their entries followed by the recent ones, with room for `extra` more.
+UnplayedList ReopenFrom(UnplayedWindows& next, std::size_t window, std::size_t extra) {
+  std::size_t kept = next.sealed_count;
+  while (kept > next.first_sealed && next.blocks->slots[kept - 1]->back().window >= window) --kept;
+  UnplayedList open;
+  open.reserve((next.sealed_count - kept) * kUnplayedBlockWindows +
+               (next.recent ? next.recent->size() : 0) + extra);
+  for (std::size_t slot = kept; slot < next.sealed_count; ++slot) {
+    const UnplayedBlock& block = *next.blocks->slots[slot];
+    open.insert(open.end(), block.begin() + (slot == next.first_sealed ? next.first_entry : 0),
+                block.end());
+  }
+  if (next.recent) open.insert(open.end(), next.recent->begin(), next.recent->end());
+  if (kept == next.first_sealed) next.first_entry = 0;
+  next.sealed_count = kept;
+  return open;
+}
+
+// Adds the ascending `discarded` to the ascending `open`, keeping it ascending.
+void MergeInto(UnplayedList& open, const UnplayedList& discarded) {
+  const auto middle = open.insert(open.end(), discarded.begin(), discarded.end());
+  std::inplace_merge(
+      open.begin(), middle, open.end(),
+      [](const UnplayedWindow& a, const UnplayedWindow& b) { return a.window < b.window; });
+}
+
+// Folds the entries before `first_retained` into before_s, in window order; `open` holds the
+// entries after the full blocks.
+void FoldBefore(UnplayedWindows& next, UnplayedList& open, std::size_t first_retained) {
+  UnplayedCursor cursor(next);
+  next.before_s = cursor.AddUntil(first_retained, next.before_s);
+  next.first_sealed = cursor.slot();
+  if (next.first_sealed < next.sealed_count) {
+    next.first_entry = cursor.entry();
+    return;
+  }
+  next.first_entry = 0;
+  open.erase(open.begin(), open.begin() + static_cast<std::ptrdiff_t>(cursor.entry()));
+}
+
+// Writes `block` into the slot after the last of `next`: in place when no version has written
+// that slot yet, else (the slots are full, or another version went on from this one) into new
+// slots holding the blocks `next` keeps, with room to double.
+void AppendBlock(UnplayedWindows& next, std::shared_ptr<const UnplayedBlock> block) {
+  if (!next.blocks || next.sealed_count != next.blocks->written ||
+      next.sealed_count == next.blocks->slots.size()) {
+    const std::size_t kept = next.sealed_count - next.first_sealed;
+    auto blocks = std::make_shared<UnplayedBlocks>(std::max<std::size_t>(8, 2 * (kept + 1)));
+    if (next.blocks) {
+      std::copy_n(next.blocks->slots.begin() + static_cast<std::ptrdiff_t>(next.first_sealed), kept,
+                  blocks->slots.begin());
+    }
+    next.blocks = std::move(blocks);
+    next.first_sealed = 0;
+    next.sealed_count = kept;
+  }
+  next.blocks->slots[next.sealed_count++] = std::move(block);
+  next.blocks->written = next.sealed_count;
+}
+
+// Moves the oldest entries of `open` into full blocks, a block at a time, while two blocks' worth
+// remain, so that the next change copies fewer.
+void SealFull(UnplayedWindows& next, UnplayedList& open) {
+  std::size_t sealed = 0;
+  for (; open.size() - sealed >= 2 * kUnplayedBlockWindows; sealed += kUnplayedBlockWindows) {
+    auto block = std::make_shared<UnplayedBlock>();
+    std::copy_n(open.begin() + static_cast<std::ptrdiff_t>(sealed), kUnplayedBlockWindows,
+                block->begin());
+    AppendBlock(next, std::move(block));
+  }
+  open.erase(open.begin(), open.begin() + static_cast<std::ptrdiff_t>(sealed));
+}
+
+}  // namespace
 
 // The merge keeps the list ascending: a replacement may discard windows recorded before others
-// that an earlier one discarded, while those are still queued.
-WindowStatistics::Unplayed WindowStatistics::PrepareUnplayed(const Unplayed& base,
-                                                             const UnplayedList& discarded) const {
-  const UnplayedList none;
-  const UnplayedList& current = base.list ? *base.list : none;
-  auto list = std::make_shared<UnplayedList>(current.size() + discarded.size());
-  std::merge(current.begin(), current.end(), discarded.begin(), discarded.end(), list->begin(),
-             [](const UnplayedWindow& a, const UnplayedWindow& b) { return a.window < b.window; });
-  const auto first_kept = FirstFrom(*list, Snapshot().first_retained);
-  Unplayed prepared{nullptr, base.before_s};
-  for (auto entry = list->cbegin(); entry != first_kept; ++entry) {
-    prepared.before_s += entry->duration_s;
-  }
-  list->erase(list->cbegin(), first_kept);
-  prepared.list = std::move(list);
-  return prepared;
+// that an earlier one discarded, while those are still queued; the blocks holding those are
+// reopened. The entries are folded before any is sealed, in the order a plain list would fold
+// them, so that every sum is the same to the bit.
+UnplayedWindows WindowStatistics::PrepareUnplayed(const UnplayedWindows& base,
+                                                  const UnplayedList& discarded) const {
+  UnplayedWindows next = base;
+  auto open = std::make_shared<UnplayedList>(ReopenFrom(
+      next, discarded.empty() ? ~std::size_t{0} : discarded.front().window, discarded.size()));
+  MergeInto(*open, discarded);
+  next.recent = open;
+  FoldBefore(next, *open, Snapshot().first_retained);
+  SealFull(next, *open);
+  return next;
 }
 
-void WindowStatistics::MarkUnplayed(Unplayed& prepared) noexcept { std::swap(unplayed_, prepared); }
+void WindowStatistics::MarkUnplayed(UnplayedWindows& prepared) noexcept {
+  std::swap(unplayed_, prepared);
+}
 
 }  // namespace corvane::control::window

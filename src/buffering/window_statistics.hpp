@@ -12,10 +12,9 @@
 //
 // A window discarded after it was recorded (a replacement of the reference took it back) keeps
 // its entry: its compute time was spent. Its duration is never played, so it is listed apart, in
-// a list that is replaced whole, never changed, so that a snapshot shares it as it shares chunks.
+// blocks that a snapshot shares as it shares chunks (see UnplayedWindows).
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -39,15 +38,75 @@ struct UnplayedWindow {
   double duration_s = 0.0;  // [s] the duration recorded for it
 };
 
-// Ascending by window; entries before the oldest retained window may already have left it.
+// Ascending by window.
 using UnplayedList = std::vector<UnplayedWindow>;
 
-// The first entry of `list` at or after `window`.
-inline UnplayedList::const_iterator FirstFrom(const UnplayedList& list, std::size_t window) {
-  return std::lower_bound(
-      list.begin(), list.end(), window,
-      [](const UnplayedWindow& entry, std::size_t place) { return entry.window < place; });
-}
+inline constexpr std::size_t kUnplayedBlockWindows = 128;
+using UnplayedBlock = std::array<UnplayedWindow, kUnplayedBlockWindows>;
+
+// Full blocks of unplayed windows in a fixed number of slots. A slot is written once, at the
+// high-water mark `written`, and never again: a version of the list reads only the slots it
+// counts, so what it holds never changes, and two versions that part ways (a replacement
+// prepared while the producing thread drops a stale window) never write over each other.
+struct UnplayedBlocks {
+  explicit UnplayedBlocks(std::size_t capacity) : slots(capacity) {}
+  std::vector<std::shared_ptr<const UnplayedBlock>> slots;
+  std::size_t written = 0;  // slots written, by any version
+};
+
+// The recorded windows whose duration is never played, ascending by window: the full blocks in
+// slots [first_sealed, sealed_count), from entry first_entry of the first, then `recent`. A
+// change copies `recent` (fewer than two blocks' worth), and the full blocks only when it inserts
+// a window before one they hold: discarded windows are queued ones, so that takes more than a
+// block's worth discarded since, ahead of a window still queued. Its cost does not grow with the
+// windows discarded before. Entries before the oldest retained window may already be folded out.
+struct UnplayedWindows {
+  std::shared_ptr<UnplayedBlocks> blocks;  // null until a block has filled; written under the lock
+  std::size_t first_sealed = 0;
+  std::size_t first_entry = 0;  // entries of the first full block folded out
+  std::size_t sealed_count = 0;
+  std::shared_ptr<const UnplayedList> recent;  // null until a recorded window is discarded
+  double before_s = 0.0;  // [s] durations of the entries folded out, summed in window order
+};
+
+// Reads the entries of an UnplayedWindows in window order.
+class UnplayedCursor {
+ public:
+  explicit UnplayedCursor(const UnplayedWindows& unplayed)
+      : unplayed_(unplayed),
+        slot_(unplayed.first_sealed),
+        entry_(unplayed.first_sealed < unplayed.sealed_count ? unplayed.first_entry : 0) {}
+
+  // The entry under the cursor; null past the last.
+  const UnplayedWindow* Current() const {
+    if (slot_ < unplayed_.sealed_count) return &(*unplayed_.blocks->slots[slot_])[entry_];
+    const UnplayedList* recent = unplayed_.recent.get();
+    return recent != nullptr && entry_ < recent->size() ? &(*recent)[entry_] : nullptr;
+  }
+  void Advance() {
+    if (++entry_ == kUnplayedBlockWindows && slot_ < unplayed_.sealed_count) {
+      ++slot_;
+      entry_ = 0;
+    }
+  }
+  // Adds to `sum_s`, in order, the durations of the entries before `window`, and stops at the
+  // first entry at or after it. Returns the sum.
+  double AddUntil(std::size_t window, double sum_s) {
+    for (const UnplayedWindow* entry = Current(); entry != nullptr && entry->window < window;
+         entry = Current()) {
+      sum_s += entry->duration_s;
+      Advance();
+    }
+    return sum_s;
+  }
+  std::size_t slot() const { return slot_; }    // a full block's slot, or sealed_count
+  std::size_t entry() const { return entry_; }  // in that block, or in `recent`
+
+ private:
+  const UnplayedWindows& unplayed_;
+  std::size_t slot_;
+  std::size_t entry_;
+};
 
 // Full chunks, oldest first. A slot, once written, never changes while the list is shared.
 using ChunkList = std::vector<std::shared_ptr<const StatisticsChunk>>;
@@ -64,9 +123,8 @@ struct StatisticsSnapshot {
   double spent_before_s = 0.0;    // [s] compute times of those windows, summed in the same order
   double prefill_credit_s = 0.0;  // [s] compute times of the first prefill_windows windows, summed
 
-  std::size_t first_retained = 0;                // the oldest retained window's place
-  std::shared_ptr<const UnplayedList> unplayed;  // null until a recorded window is discarded
-  double unplayed_before_s = 0.0;  // [s] durations of unplayed windows that have left `unplayed`
+  std::size_t first_retained = 0;  // the oldest retained window's place
+  UnplayedWindows unplayed;
 
   std::size_t RetainedWindows() const {
     return (sealed_count - first_sealed) * kChunkWindows + open_windows;
@@ -87,16 +145,18 @@ struct StatisticsSnapshot {
   // played_s is its duration, or 0 when the window was discarded unplayed.
   template <typename Visit>
   void ForEachRetainedPlayed(Visit&& visit) const {
-    if (!unplayed) {
+    if (!unplayed.recent) {
       ForEachRetained(
           [&](double compute_s, double duration_s) { visit(compute_s, duration_s, duration_s); });
       return;
     }
-    auto next = FirstFrom(*unplayed, first_retained);
+    UnplayedCursor next(unplayed);
+    next.AddUntil(first_retained, 0.0);
     std::size_t window = first_retained;
     ForEachRetained([&](double compute_s, double duration_s) {
-      const bool played = next == unplayed->end() || next->window != window++;
-      if (!played) ++next;
+      const UnplayedWindow* entry = next.Current();
+      const bool played = entry == nullptr || entry->window != window++;
+      if (!played) next.Advance();
       visit(compute_s, played ? duration_s : 0.0, duration_s);
     });
   }
@@ -128,19 +188,17 @@ class WindowStatistics {
   // With the lock held, in constant time.
   StatisticsSnapshot Snapshot() const;
 
-  // The recorded windows whose duration is never played.
-  struct Unplayed {
-    std::shared_ptr<const UnplayedList> list;
-    double before_s = 0.0;  // [s] durations of the entries folded out of `list`
-  };
   // With the lock held: the unplayed windows as they are now.
-  const Unplayed& CurrentUnplayed() const { return unplayed_; }
-  // With the lock held: a new unplayed list, `base` with `discarded` (ascending, recorded
-  // windows) added, and the entries before the oldest retained window folded into the sum.
+  const UnplayedWindows& CurrentUnplayed() const { return unplayed_; }
+  // With the lock held: a new version of the unplayed windows, `base` with `discarded`
+  // (ascending, recorded windows) added, and the entries before the oldest retained window
+  // folded into the sum. Takes time in the entries copied (see UnplayedWindows) and in those
+  // folded out, each once; when the slots are full, a copy of one pointer per full block kept
+  // gives them room to double.
   // Throws std::bad_alloc.
-  Unplayed PrepareUnplayed(const Unplayed& base, const UnplayedList& discarded) const;
-  // With the lock held: the prepared list takes effect; `prepared` gets the list it replaced.
-  void MarkUnplayed(Unplayed& prepared) noexcept;
+  UnplayedWindows PrepareUnplayed(const UnplayedWindows& base, const UnplayedList& discarded) const;
+  // With the lock held: the prepared version takes effect; `prepared` gets the one it replaced.
+  void MarkUnplayed(UnplayedWindows& prepared) noexcept;
   ProductionTotals Totals() const { return totals_; }
 
  private:
@@ -157,7 +215,7 @@ class WindowStatistics {
   double spent_before_s_ = 0.0;
   double prefill_credit_s_ = 0.0;
   ProductionTotals totals_;
-  Unplayed unplayed_;
+  UnplayedWindows unplayed_;
 };
 
 }  // namespace corvane::control::window

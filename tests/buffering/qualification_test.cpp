@@ -1,14 +1,16 @@
 // The qualification report: exact figures on known histories, and every figure against a plain
-// copy of long random histories, to the bit, whole or retained in part.
+// copy of long random histories, to the bit, whole or retained in part, and with windows unplayed.
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "buffering/window_statistics.hpp"
 #include "support/scripted_producer.hpp"
 #include "window/async_buffer.hpp"
 
@@ -156,6 +158,61 @@ TEST(QualificationTest, MatchesAPlainCopyOfTheHistoryToTheBit) {
     EXPECT_EQ(totals.total_windows, n);
     EXPECT_EQ(totals.total_compute_time_s, PlainReport(comp, dur, 0, 1.0, n).total_compute_time_s);
     EXPECT_EQ(totals.max_compute_time_s, *std::max_element(comp.begin(), comp.end()));
+  }
+}
+
+// What a snapshot reads: what played before the retained windows, and in them, summed in order.
+std::pair<double, double> Reads(const StatisticsSnapshot& snapshot) {
+  double played_s = 0.0;
+  snapshot.ForEachRetainedPlayed([&](double, double play_s, double) { played_s += play_s; });
+  return {snapshot.PlayedBeforeRetained(), played_s};
+}
+
+// Windows recorded `records` at a time, up to 3 of the last `reach` discarded each time: every
+// snapshot reads, to the bit, what a plain list folded at every change gives, and still does later.
+// Catches an insertion out of order before a full block, a change writing over a block an earlier
+// snapshot reads, and a fold counted twice or summed out of order.
+TEST(QualificationTest, UnplayedWindowsReadAsAPlainListToTheBit) {
+  const std::size_t cases[][3] = {{30, 8, SIZE_MAX}, {30, 3000, SIZE_MAX}, {12, 12000, 1}};
+  for (const auto& [records, reach, retention] : cases) {
+    SCOPED_TRACE(reach);
+    std::mt19937_64 random(11);
+    WindowStatistics statistics(0);
+    statistics.RetainOnly(retention);
+    std::vector<double> recorded;  // 0 once discarded
+    UnplayedList plain;
+    double folded_s = 0.0;
+    StatisticsSnapshot earlier;
+    std::pair<double, double> earlier_reads;
+    while (recorded.size() < 12000) {
+      for (std::size_t i = 0; i < records; ++i) {
+        WindowStatistics::Growth growth = statistics.PrepareRecord();
+        recorded.push_back(1e-3 * double(random() % 1000 + 1) / 7.0);
+        statistics.Record(1.0, recorded.back(), growth);
+      }
+      UnplayedList picked;
+      const std::size_t from = recorded.size() - std::min(recorded.size(), reach);
+      for (std::size_t w = from + random() % (recorded.size() - from);
+           w < recorded.size() && picked.size() < 3; w += 1 + random() % 2) {
+        if (recorded[w] > 0.0) picked.push_back({w, std::exchange(recorded[w], 0.0)});
+      }
+      plain.insert(plain.end(), picked.begin(), picked.end());
+      std::sort(plain.begin(), plain.end(), [](auto& a, auto& b) { return a.window < b.window; });
+      for (auto first = statistics.Snapshot().first_retained;
+           !plain.empty() && plain.front().window < first; plain.erase(plain.begin()))
+        folded_s += plain.front().duration_s;
+      UnplayedWindows next = statistics.PrepareUnplayed(statistics.CurrentUnplayed(), picked);
+      statistics.MarkUnplayed(next);
+      const StatisticsSnapshot now = statistics.Snapshot();
+      double unplayed_s = folded_s;
+      for (auto e = plain.begin(); e != plain.end() && e->window < now.first_retained; ++e)
+        unplayed_s += e->duration_s;
+      const double played_s = std::accumulate(recorded.begin() + std::ptrdiff_t(now.first_retained),
+                                              recorded.end(), 0.0);
+      EXPECT_EQ(Reads(now), std::make_pair(now.played_before_s - unplayed_s, played_s));
+      EXPECT_EQ(Reads(earlier), earlier_reads);
+      earlier = now, earlier_reads = Reads(now);
+    }
   }
 }
 
