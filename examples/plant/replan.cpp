@@ -58,7 +58,7 @@ class ReplanPlanner {
     run_.moves = {{first_.move.first, stop - first_.move.first}};
   }
 
-  // The arm holds the position last commanded for as long as a planned move rests after it.
+  // The plan brakes to rest and holds there for as long as a planned move rests after it.
   void Stop() {
     const cw::SampleMatrix before = buffer_.ReferencePositions();
     const SampleSpan move = second_.move;
