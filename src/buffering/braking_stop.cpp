@@ -136,7 +136,6 @@ ReferenceLimits LimitsOf(const SampleMatrix& plan) {
 // lies whole in one block. A copy refused because the retention dropped its start, or because the
 // reference was cut short meanwhile, moves the start on or the end back, so the loop ends.
 ReferenceLimits ReadLimits(const AppendableReferenceBuffer& reference, std::size_t block_samples) {
-  if (block_samples == 0) throw std::invalid_argument("block_samples must be positive.");
   std::size_t next = reference.first_retained_sample();
   std::size_t stop = reference.available_samples();
   const std::size_t first = next;
@@ -169,10 +168,6 @@ ReferenceLimits ReadLimits(const AppendableReferenceBuffer& reference, std::size
 
 SampleMatrix BrakingStop(const SampleMatrix& before, const ReferenceLimits& limits,
                          std::size_t hold_samples) {
-  if (before.rows() == 0) throw std::invalid_argument("before must hold at least one sample.");
-  if (limits.acceleration.size() != before.cols() || limits.jerk.size() != before.cols()) {
-    throw std::invalid_argument("limits must hold one value per joint of before.");
-  }
   const RowState from = StateAt(before, before.rows() - 1);
   const Eigen::Index samples = BrakingSamples(
       from, limits, std::max<Eigen::Index>(1, static_cast<Eigen::Index>(limits.samples)));

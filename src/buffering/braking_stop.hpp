@@ -27,17 +27,16 @@ struct ReferenceLimits {
 // The limits of the rows of `plan`.
 ReferenceLimits LimitsOf(const SampleMatrix& plan);
 
-// The limits of every sample stored in `reference`, read block_samples at a time, so that its lock
-// is held for one block's copy only and its readers and writers go on meanwhile. Samples appended
-// during the read may be left out; samples the retention drops meanwhile are skipped.
+// The limits of every sample stored in `reference`, read block_samples (> 0) at a time, so that its
+// lock is held for one block's copy only and its readers and writers go on meanwhile. Samples
+// appended during the read may be left out; samples the retention drops meanwhile are skipped.
 ReferenceLimits ReadLimits(const AppendableReferenceBuffer& reference,
                            std::size_t block_samples = 4096);
 
 // The samples that follow `before`, the last (up to three) samples kept of the plan: the braking
 // rows, then hold_samples rows at rest. When the plan sets no limit on a joint that moves, or its
 // figures overflow, the last row of `before` is held at once. The braking never lasts more samples
-// than `limits` read. Throws std::invalid_argument when `before` has no rows or its joint count
-// differs from the limits'.
+// than `limits` read. `before` has at least one row, and `limits` one value per joint of it.
 SampleMatrix BrakingStop(const SampleMatrix& before, const ReferenceLimits& limits,
                          std::size_t hold_samples);
 
